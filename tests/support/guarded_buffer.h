@@ -1,0 +1,68 @@
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+namespace korvotest {
+
+/// `count` elements at a chosen distance above a 64-byte boundary, between two zones of known bytes: a write
+/// outside the elements shows in intact().
+template<typename T>
+class CGuardedBuffer
+{
+public:
+    explicit CGuardedBuffer(std::size_t count, std::size_t misalignment = 0)
+        : m_count(count), m_bytes(kZone + 64 + misalignment + count * sizeof(T) + kZone, kGuard)
+    {
+        const auto address = reinterpret_cast<std::uintptr_t>(m_bytes.data()) + kZone;
+        const std::size_t toBoundary = (64 - address % 64) % 64;
+        m_offset = kZone + toBoundary + misalignment;
+    }
+
+    CGuardedBuffer(const CGuardedBuffer&) = delete;
+    CGuardedBuffer& operator=(const CGuardedBuffer&) = delete;
+
+    /// May be misaligned for T; pass it on, and read elements through get().
+    T* data() { return reinterpret_cast<T*>(m_bytes.data() + m_offset); }
+    std::size_t size() const { return m_count; }
+
+    T get(std::size_t index) const
+    {
+        T value;
+        std::memcpy(&value, m_bytes.data() + m_offset + index * sizeof(T), sizeof(T));
+        return value;
+    }
+
+    void set(std::size_t index, T value)
+    {
+        std::memcpy(m_bytes.data() + m_offset + index * sizeof(T), &value, sizeof(T));
+    }
+
+    void assign(const std::vector<T>& values)
+    {
+        for (std::size_t i = 0; i < std::min(values.size(), m_count); ++i)
+            set(i, values[i]);
+    }
+
+    /// True while nothing has written outside the elements.
+    bool intact() const
+    {
+        const auto untouched = [](unsigned char byte) { return byte == kGuard; };
+        const auto end = m_bytes.begin() + static_cast<std::ptrdiff_t>(m_offset + m_count * sizeof(T));
+        return std::all_of(m_bytes.begin(), m_bytes.begin() + static_cast<std::ptrdiff_t>(m_offset), untouched) &&
+               std::all_of(end, m_bytes.end(), untouched);
+    }
+
+private:
+    static constexpr std::size_t kZone = 256;
+    static constexpr unsigned char kGuard = 0xA5;
+
+    std::size_t m_count;
+    std::vector<unsigned char> m_bytes;
+    std::size_t m_offset = 0;
+};
+
+} // namespace korvotest
