@@ -4,12 +4,7 @@
 #include <array>
 #include <cstdint>
 
-#if __has_include(<cblas-netlib.h>)
-#include <cblas-netlib.h>
-#else
-#include <cblas.h>
-#endif
-
+#include "toolbox/cblas.h"
 #include "toolbox/truncate.h"
 
 namespace korvotoolbox {

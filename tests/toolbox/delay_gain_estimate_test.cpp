@@ -4,22 +4,17 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cmath>
 #include <complex>
-#include <cstdlib>
-#include <limits>
 #include <numbers>
 #include <thread>
 #include <vector>
 
 #include "tests/support/random.h"
 #include "tests/toolbox/fault_injection.h"
-#include "tests/toolbox/filter_corpus.h"
 #include "toolbox/delay_gain_estimator.h"
 
 using namespace korvotoolbox;
-using korvotest::makeFilterCorpus;
 using korvotest::readAccounting;
 
 namespace {
@@ -86,23 +81,72 @@ private:
     std::vector<std::complex<double>> m_spectrum;
 };
 
+/// `count` impulse responses as correction filters have them, of five kinds in turn, every second five
+/// inverted and every second ten with noise over them.
+std::vector<std::vector<float>> makeCorpus(unsigned seed, int count)
+{
+    auto random = korvotest::makeRandom(seed);
+    const auto uniform = [&random](double low, double high) {
+        return std::uniform_real_distribution<double>(low, high)(random);
+    };
+    const auto sinc = [](double edge, double t) {
+        return t == 0.0 ? edge : std::sin(std::numbers::pi * edge * t) / (std::numbers::pi * t);
+    };
+
+    std::vector<std::vector<float>> corpus;
+    for (int n = 0; n < count; ++n)
+    {
+        std::vector<double> taps(static_cast<std::size_t>(uniform(100, 2000)));
+        const double length = static_cast<double>(taps.size());
+        const double a = uniform(0.3, 0.95), b = uniform(-0.8, 0.8), c = uniform(5, 60);
+        for (std::size_t i = 0; i < taps.size(); ++i)
+        {
+            const double t = static_cast<double>(i);
+            const double middle = t - 0.5 * (length - 1.0);
+            switch (n % 5)
+            {
+            case 0: // measured: direct sound, then noise that dies away
+                taps[i] = t < std::floor(c)
+                              ? 0.0
+                              : uniform(-0.5, 0.5) * std::exp((c - t) / 50) + (t < c + 1 ? 1 : 0);
+                break;
+            case 1: // minimum phase: a resonance beside the direct sound
+                taps[i] = (i == 0 ? 1.0 : 0.0) + std::abs(b) * std::pow(a, t) * std::cos(c * t);
+                break;
+            case 2: // linear phase: a band with a step in it, about a sample or the middle between two
+                taps[i] = (0.5 + 0.5 * std::cos(2 * std::numbers::pi * middle / (length + 1))) *
+                          (sinc(a, middle) + 0.5 * b * sinc(0.4, middle));
+                break;
+            case 3: // nothing but a delay of some fraction
+                taps[i] = sinc(1.0, t - c);
+                break;
+            default:
+                taps[i] = uniform(-1, 1);
+            }
+        }
+        const double sign = n / 5 % 2 == 1 ? -1.0 : 1.0;
+        const double noise = n / 10 % 2 == 1 ? 0.02 : 0.0;
+        std::vector<float>& filter = corpus.emplace_back();
+        for (const double tap : taps)
+            filter.push_back(static_cast<float>(sign * tap + uniform(-noise, noise)));
+    }
+    return corpus;
+}
+
 } // namespace
 
 TEST(DelayGainEstimate, FindsAnImpulse)
 {
-    for (const float centre : {0.1F, 0.5F, 0.75F, 1.0F})
+    const float values[] = {1.0F, -1.0F, 0.03F, -40.0F};
+    const float centres[] = {0.5F, 0.1F, 1.0F};
+    for (const int position : {0, 3, 100, 479, 20000, 32768})
     {
-        for (const int position : {0, 3, 100, 479, 20000, 32768})
+        for (int n = 0; n < 12; ++n)
         {
-            for (const float value : {1.0F, -1.0F, 0.03F, -40.0F})
-            {
-                float gain = 0.0F;
-                int delay = -1;
-                const auto taps = impulse(position + 5, position, value);
-                EXPECT_EQ(estimateFilterDelayGain(taps.data(), position + 5, centre, gain, delay), 0);
-                EXPECT_NEAR(gain / value, 1.0F, kMeanError) << position << " at " << centre;
-                EXPECT_EQ(delay, position) << value << " at " << centre;
-            }
+            const float value = values[n % 4];
+            const SEstimate found = estimate(impulse(position + 5, position, value), centres[n / 4]);
+            EXPECT_NEAR(found.gain / value, 1.0F, kMeanError) << position << ", case " << n;
+            EXPECT_EQ(found.delay, position) << "case " << n;
         }
     }
 }
@@ -110,7 +154,6 @@ TEST(DelayGainEstimate, FindsAnImpulse)
 TEST(DelayGainEstimate, RefusesBadArgumentsAndWritesNothing)
 {
     const auto taps = impulse(2000001, 0, 1.0F);
-    const float nan = std::numeric_limits<float>::quiet_NaN();
     struct SCase
     {
         const float* filter;
@@ -118,15 +161,11 @@ TEST(DelayGainEstimate, RefusesBadArgumentsAndWritesNothing)
         float centre;
         int status;
     };
-    for (const SCase& c : {SCase{nullptr, 10, 0.5F, 173},
-                           {taps.data(), 4, 0.5F, 173},
-                           {taps.data(), -1, 0.5F, 173},
-                           {taps.data(), 2000001, 0.5F, 173},
-                           {taps.data(), 10, -0.001F, 173},
-                           {taps.data(), 10, 1.001F, 173},
-                           {taps.data(), 10, nan, 173},
-                           {taps.data(), 5, 0.5F, 0},
-                           {taps.data(), 2000000, 0.5F, 0}})
+    const float* x = taps.data();
+    const SCase cases[] = {{nullptr, 10, 0.5F, 173}, {x, 4, 0.5F, 173},    {x, -1, 0.5F, 173},
+                           {x, 2000001, 0.5F, 173},  {x, 10, -1e-3F, 173}, {x, 10, 1.001F, 173},
+                           {x, 10, NAN, 173},        {x, 5, 0.5F, 0},      {x, 2000000, 0.5F, 0}};
+    for (const SCase& c : cases)
     {
         float gain = 77.0F;
         int delay = 77;
@@ -138,85 +177,69 @@ TEST(DelayGainEstimate, RefusesBadArgumentsAndWritesNothing)
 
 TEST(DelayGainEstimate, GivesEverythingBackWhenMemoryOrPlanCannotBeHad)
 {
-    const auto taps = impulse(10, 2, 1.0F);
     const auto before = readAccounting();
-    for (const int first : {0, 1})
-    {
-        const korvotest::CFailingAllocations failing(first);
-        EXPECT_EQ(estimate(taps).status, 174);
-        EXPECT_EQ(readAccounting().current, before.current);
-    }
-    {
-        const korvotest::CFailingPlans failing;
-        EXPECT_EQ(estimate(taps).status, 175);
-        EXPECT_EQ(readAccounting().current, before.current);
-    }
-    EXPECT_EQ(estimate(taps).status, 0);
+    const auto statusWith = [](int allocations, bool plansFail) {
+        const korvotest::CFaults faults(allocations, plansFail);
+        return estimate(impulse(10, 2, 1.0F)).status;
+    };
+    EXPECT_EQ(statusWith(0, false), 174);
+    EXPECT_EQ(statusWith(1, false), 174);
+    EXPECT_EQ(statusWith(2, true), 175);
+    EXPECT_EQ(statusWith(2, false), 0);
     EXPECT_EQ(readAccounting().current, before.current);
     EXPECT_GE(readAccounting().most, before.current + 262144 + 262152) << "the buffers are counted";
 }
 
 TEST(DelayGainEstimate, HandlesFiltersAtItsLimits)
 {
-    const SEstimate zeros = estimate(std::vector<float>(100));
-    EXPECT_EQ(zeros.status, 0);
-    EXPECT_EQ(zeros.gain, 0.0F);
-    EXPECT_EQ(zeros.delay, 0);
-
-    // No candidate position is left from 32779 on.
-    for (const int position : {32779, 40000, 65535})
-    {
-        const SEstimate late = estimate(impulse(65536, position, 1.0F));
-        EXPECT_EQ(late.status, 0);
-        EXPECT_EQ(late.gain, 0.0F);
-        EXPECT_EQ(late.delay, position);
-    }
-    EXPECT_EQ(estimate(impulse(65536, 32778, 1.0F)).delay, 32768) << "the one that is left";
-
+    const auto expect = [](const std::vector<float>& taps, float centre, float gain, int delay) {
+        const SEstimate found = estimate(taps, centre);
+        EXPECT_EQ(found.status, 0);
+        EXPECT_NEAR(found.gain, gain, kMeanError) << delay;
+        EXPECT_EQ(found.delay, delay);
+    };
+    expect(std::vector<float>(100), 0.5F, 0.0F, 0);
+    // One bin, in which every position scores the same: the mean is the sum of all taps.
+    expect({0.5F, 1.0F, 0.25F, 0.0F, 0.0F, 0.0F}, 0.0F, 1.75F, 0);
     auto tooLong = impulse(65537, 50, 1.0F);
     tooLong[65536] = 100.0F;
-    EXPECT_EQ(estimate(tooLong).delay, 50);
-    EXPECT_NEAR(estimate(tooLong).gain, 1.0F, kMeanError);
-
-    // One bin, in which every position scores the same: the mean is the sum of all taps.
-    const SEstimate direct = estimate({0.5F, 1.0F, 0.25F, 0.0F, 0.0F, 0.0F}, 0.0F);
-    EXPECT_NEAR(direct.gain, 1.75F, 1e-6F);
-    EXPECT_EQ(direct.delay, 0);
-
+    expect(tooLong, 0.5F, 1.0F, 50);
+    // One position is left for a peak at 32778, none beyond it. Over 10 samples the band's phases spread by
+    // more than a turn, and over those the sum with the positive sign is larger: 1.37 on average
+    // against 1.13.
+    expect(impulse(65536, 32778, 1.0F), 0.5F, 1.0F, 32768);
+    for (const int position : {32779, 65535})
+        expect(impulse(65536, position, 1.0F), 0.5F, 0.0F, position);
     EXPECT_TRUE(std::isnan(estimate({1.0F, NAN, 0.0F, 0.0F, 0.0F}).gain));
 }
 
 TEST(DelayGainEstimate, AgreesWithDoublePrecision)
 {
-    auto random = korvotest::makeRandom(4101);
-    for (const auto& filter : makeFilterCorpus(random, 20))
+    for (const auto& taps : makeCorpus(4101, 15))
     {
-        const SEstimate found = estimate(filter.taps);
-        const CReference reference(filter.taps, 0.5);
-        EXPECT_NEAR(std::abs(found.gain) / reference.gain, 1.0, kMeanError) << filter.kind;
+        const SEstimate found = estimate(taps);
+        const CReference reference(taps, 0.5);
+        EXPECT_NEAR(std::abs(found.gain) / reference.gain, 1.0, kMeanError);
+        const auto isSmaller = [](float a, float b) { return std::abs(a) < std::abs(b); };
         const int peak =
-            static_cast<int>(std::max_element(filter.taps.begin(), filter.taps.end(),
-                                              [](float a, float b) { return std::abs(a) < std::abs(b); }) -
-                             filter.taps.begin());
+            static_cast<int>(std::max_element(taps.begin(), taps.end(), isSmaller) - taps.begin());
         double best = 0.0;
         for (int i = std::max(peak - 10, 0); i <= peak + 10; ++i)
             best = std::max({best, reference.score(i, +1), reference.score(i, -1)});
-        EXPECT_NEAR(reference.score(found.delay, found.gain > 0.0F ? +1 : -1) / best, 1.0, 1e-5)
-            << filter.kind;
+        EXPECT_NEAR(reference.score(found.delay, found.gain > 0.0F ? +1 : -1) / best, 1.0, 1e-5);
     }
 }
 
 TEST(DelayGainEstimate, SpectrumAndTransformsDecideAlike)
 {
-    auto random = korvotest::makeRandom(4102);
-    const auto corpus = makeFilterCorpus(random, 200);
+    const auto corpus = makeCorpus(4102, 200);
     int bySpectrum = 0;
-    for (const auto& filter : corpus)
+    for (std::size_t n = 0; n < corpus.size(); ++n)
     {
-        const SEstimate fast = estimate(filter.taps);
-        const SEstimate plain = estimate(filter.taps, 0.5F, EDelaySearch::ByTransforms);
-        EXPECT_EQ(fast.delay, plain.delay) << filter.kind << ", " << filter.taps.size();
-        EXPECT_EQ(fast.gain, plain.gain) << filter.kind << ", " << filter.taps.size();
+        const SEstimate fast = estimate(corpus[n]);
+        const SEstimate plain = estimate(corpus[n], 0.5F, EDelaySearch::ByTransforms);
+        EXPECT_EQ(fast.delay, plain.delay) << n;
+        EXPECT_EQ(fast.gain, plain.gain) << n;
         bySpectrum += fast.decidedBy == EDelaySearch::BySpectrumIfClear ? 1 : 0;
     }
     EXPECT_GE(bySpectrum, 160) << "the fast way leaves too much open";
@@ -244,39 +267,28 @@ TEST(DelayGainEstimate, LeavesTheUnclearToTheTransforms)
 
 TEST(DelayGainEstimateThreads, SeveralAtOnceBesideAHostThatPlans)
 {
-    auto random = korvotest::makeRandom(4103);
-    const auto corpus = makeFilterCorpus(random, 10);
+    const auto corpus = makeCorpus(4103, 10);
     std::vector<SEstimate> expected;
-    for (const auto& filter : corpus)
-        expected.push_back(estimate(filter.taps));
+    for (std::size_t n = 0; n < corpus.size(); ++n)
+        expected.push_back(estimate(corpus[n]));
 
-    std::atomic<bool> done{false};
-    std::thread host([&done] {
-        std::vector<float> in(4096);
-        std::vector<std::complex<float>> out(4096);
-        for (int size = 64; !done.load(); size = size % 4096 + 64)
-            fftwf_destroy_plan(fftwf_plan_dft_r2c_1d(
-                size, in.data(), reinterpret_cast<fftwf_complex*>(out.data()), FFTW_ESTIMATE));
-    });
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 3; ++t)
-    {
-        threads.emplace_back([&, t] {
-            CDelayGainEstimator estimator;
-            for (std::size_t i = 0; i < corpus.size(); ++i)
-            {
-                const std::size_t which = (i + static_cast<std::size_t>(3 * t)) % corpus.size();
-                const auto& taps = corpus[which].taps;
-                const SEstimate found =
-                    t == 0 ? estimate(taps)
+    const auto estimateAll = [&] {
+        CDelayGainEstimator estimator;
+        for (std::size_t n = 0; n < corpus.size(); ++n)
+        {
+            const auto& taps = corpus[n];
+            const SEstimate found =
+                n % 2 == 0 ? estimate(taps)
                            : estimator.estimate(taps.data(), static_cast<int>(taps.size()), 0.5F);
-                EXPECT_EQ(found.delay, expected[which].delay);
-                EXPECT_EQ(found.gain, expected[which].gain);
-            }
-        });
-    }
-    for (std::thread& thread : threads)
-        thread.join();
-    done.store(true);
-    host.join();
+            EXPECT_EQ(found.delay, expected[n].delay);
+            EXPECT_EQ(found.gain, expected[n].gain);
+        }
+    };
+    const std::jthread host([](const std::stop_token& stop) {
+        std::vector<float> in(4096);
+        fftwf_complex out[2049];
+        for (int size = 64; !stop.stop_requested(); size = size % 4096 + 64)
+            fftwf_destroy_plan(fftwf_plan_dft_r2c_1d(size, in.data(), out, FFTW_ESTIMATE));
+    });
+    const std::jthread first(estimateAll), second(estimateAll), third(estimateAll);
 }

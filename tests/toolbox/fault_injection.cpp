@@ -3,7 +3,6 @@
 
 #include <fftw3.h>
 
-#include <climits>
 #include <cstdarg>
 #include <cstddef>
 
@@ -29,15 +28,10 @@ void takeCounters(void* user, const char* format, ...)
 
 // The linker sends the library's calls of these names here (--wrap).
 extern "C" {
-
 void* __real_MKL_malloc(std::size_t size, int alignment);
 void* __wrap_MKL_malloc(std::size_t size, int alignment)
 {
-    if (s_allocationsLeft <= 0)
-        return nullptr;
-    if (s_allocationsLeft != INT_MAX)
-        --s_allocationsLeft;
-    return __real_MKL_malloc(size, alignment);
+    return s_allocationsLeft-- > 0 ? __real_MKL_malloc(size, alignment) : nullptr;
 }
 
 fftwf_plan __real_fftwf_plan_dft_r2c_1d(int size, float* in, fftwf_complex* out, unsigned flags);
@@ -47,9 +41,7 @@ fftwf_plan __wrap_fftwf_plan_dft_r2c_1d(int size, float* in, fftwf_complex* out,
 }
 }
 
-namespace korvotest {
-
-SAccounting readAccounting()
+korvotest::SAccounting korvotest::readAccounting()
 {
     SAccounting accounting;
     korvotoolbox::dtb_setlogfunction(takeCounters, &accounting);
@@ -58,24 +50,14 @@ SAccounting readAccounting()
     return accounting;
 }
 
-CFailingAllocations::CFailingAllocations(int first)
+korvotest::CFaults::CFaults(int allocations, bool plansFail)
 {
-    s_allocationsLeft = first;
+    s_allocationsLeft = allocations;
+    s_plansFail = plansFail;
 }
 
-CFailingAllocations::~CFailingAllocations()
+korvotest::CFaults::~CFaults()
 {
     s_allocationsLeft = INT_MAX;
-}
-
-CFailingPlans::CFailingPlans()
-{
-    s_plansFail = true;
-}
-
-CFailingPlans::~CFailingPlans()
-{
     s_plansFail = false;
 }
-
-} // namespace korvotest

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+#include <climits>
+
 namespace korvotest {
 
 /// What the allocator's counters say.
@@ -13,25 +15,15 @@ struct SAccounting
 /// Reads the counters out of the message of an allocation that cannot succeed. Takes the log hook away.
 SAccounting readAccounting();
 
-/// While it lives, the toolbox's allocations on this thread fail from the one of number `first` on, counted
-/// from 0.
-class CFailingAllocations
+/// While it lives, toolbox allocations of this thread fail after `allocations` of them, and so do all FFT
+/// plans if `plansFail` is set.
+class CFaults
 {
 public:
-    explicit CFailingAllocations(int first);
-    ~CFailingAllocations();
-    CFailingAllocations(const CFailingAllocations&) = delete;
-    CFailingAllocations& operator=(const CFailingAllocations&) = delete;
-};
-
-/// While it lives, no FFT plan can be made on this thread.
-class CFailingPlans
-{
-public:
-    CFailingPlans();
-    ~CFailingPlans();
-    CFailingPlans(const CFailingPlans&) = delete;
-    CFailingPlans& operator=(const CFailingPlans&) = delete;
+    explicit CFaults(int allocations, bool plansFail = false);
+    ~CFaults();
+    CFaults(const CFaults&) = delete;
+    CFaults& operator=(const CFaults&) = delete;
 };
 
 } // namespace korvotest

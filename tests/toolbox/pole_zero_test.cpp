@@ -1,0 +1,57 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "toolbox/pole_zero.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+using namespace korvotoolbox;
+
+TEST(PoleZero, KeepsZerosWithinAnIntervalInTheirOrder)
+{
+    const std::vector<double> all{0.75, 0.0, 0.5, 1.0, 0.25, -0.1, 0.5};
+    struct SCase
+    {
+        double low, high;
+        bool done;
+        std::vector<double> kept;
+    };
+    const SCase cases[] = {{6000, 18000, true, {0.75, 0.5, 0.25, 0.5}},
+                           {24000, 1e9, true, {1.0}},
+                           {100, 200, true, {}},
+                           {-1, 100, false, all},
+                           {100, 100, false, all},
+                           {24001, 25000, false, all},
+                           {NAN, 100, false, all},
+                           {100, NAN, false, all}};
+    for (const SCase& c : cases)
+    {
+        std::vector<cplxZeroPolarForm> zeros;
+        for (const double angle : all)
+            zeros.push_back({angle, 0.9});
+        EXPECT_EQ(discardZerosOutsideFreqInterval(zeros, 48000, c.low, c.high), c.done) << c.low;
+        std::vector<double> kept;
+        for (const auto& zero : zeros)
+            kept.push_back(zero.angle);
+        EXPECT_EQ(kept, c.kept) << c.low;
+    }
+}
+
+TEST(PoleZero, ScalesAllPolesAlike)
+{
+    using Poles = std::vector<std::complex<double>>;
+    Poles poles{{0.3, 0.4}, {-1.2, 1.6}, {0.0, -1.0}};
+    EXPECT_TRUE(scalePolesToSafeMaxRadius(poles.data(), 3, 0.5));
+    const Poles expected{{0.075, 0.1}, {-0.3, 0.4}, {0.0, -0.25}};
+    for (std::size_t i = 0; i < 3; ++i)
+        EXPECT_NEAR(std::abs(poles[i] - expected[i]), 0.0, 1e-15);
+
+    const Poles inside{{0.3, 0.4}, {-0.6, 0.8}};
+    poles = inside;
+    EXPECT_TRUE(scalePolesToSafeMaxRadius(poles.data(), 2, 1.0));
+    for (const double radius : {-0.1, 1.1, static_cast<double>(NAN)})
+        EXPECT_FALSE(scalePolesToSafeMaxRadius(poles.data(), 2, radius));
+    EXPECT_FALSE(scalePolesToSafeMaxRadius(poles.data(), 0, 0.5));
+    EXPECT_FALSE(scalePolesToSafeMaxRadius(nullptr, 2, 0.5));
+    EXPECT_EQ(poles, inside);
+}
