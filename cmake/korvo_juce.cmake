@@ -10,7 +10,7 @@ target_compile_definitions(korvo_juce
          $<IF:$<CONFIG:Debug>,DEBUG=1,NDEBUG=1>
   INTERFACE $<TARGET_PROPERTY:korvo_juce,COMPILE_DEFINITIONS>)
 target_include_directories(korvo_juce SYSTEM
-  INTERFACE $<TARGET_PROPERTY:korvo_juce,INCLUDE_DIRECTORIES>)
+  INTERFACE $<TARGET_PROPERTY:juce::juce_core,INTERFACE_INCLUDE_DIRECTORIES>)
 target_compile_options(korvo_juce PRIVATE -w)
 find_package(Threads REQUIRED)
 target_link_libraries(korvo_juce PUBLIC Threads::Threads ${CMAKE_DL_LIBS})
