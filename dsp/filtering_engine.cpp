@@ -113,12 +113,13 @@ int CFilteringEngine::setFilterForChannel(unsigned rate, unsigned channel, void*
     for (auto& [slotRate, slot] : filters[channel].filterMap) {
         if ((rate != 0 && rate != slotRate) || slot.holds(filter))
             continue;
-        // Reset while nobody else knows of it: once it is pending, the audio thread may be running it.
+        // All clearing comes first, while nobody else knows of the filter: once it is pending, the audio thread may
+        // be fading it in, and a clearing would be heard.
         if (filter != kInactiveFilter)
             FIIR_Reset(filter);
+        resetChannel(channel);
         // Release, with the acquire of process(): the filter's coefficients and cleared state come along.
         slot.pending.store(filter, std::memory_order_release);
-        resetChannel(channel);
     }
     return 0;
 }
@@ -274,10 +275,24 @@ bool CFilteringEngine::process(bool bypass, const float* in, float* out, unsigne
     if (std::uint64_t{frames} * channelCount > processBufferBytes / sizeof(float))
         return false;
 
-    SDspFilter& dsp = filters[channel];
-    const SBlock block{in, out, frames, channel, channelCount};
-    const bool filterWanted = enabled.load(std::memory_order_relaxed) && !bypass;
-    for (auto& [rate, slot] : dsp.filterMap) {
+    // Plain stores, since only the audio thread writes this word. The release pairs with passCount(): whoever sees
+    // the call over sees all its uses of a filter over, and may free that filter.
+    const std::uint32_t pass = passes.load(std::memory_order_relaxed);
+    passes.store(pass + 1, std::memory_order_relaxed);
+    runSlots(filters[channel], enabled.load(std::memory_order_relaxed) && !bypass,
+             {in, out, frames, channel, channelCount}, retired);
+    passes.store(pass + 2, std::memory_order_release);
+
+    const float gain = overallGain.load(std::memory_order_relaxed);
+    if (gain != 1.0F) // in every state, and as a step
+        scaleColumn(out + channel, frames, channelCount, gain);
+    return true;
+}
+
+void CFilteringEngine::runSlots(SDspFilter& dsp, bool filterWanted, const SBlock& block, void** retired)
+{
+    for (auto& [rate, slot] : dsp.filterMap)
+    {
         // One look at the slot for the whole block. Pending: acquire, with the release of
         // setFilterForChannel. Current: stored by this very thread, or while it was not running.
         const SSlotSnapshot snapshot{slot.current.load(std::memory_order_relaxed),
@@ -288,11 +303,6 @@ bool CFilteringEngine::process(bool bypass, const float* in, float* out, unsigne
         if (snapshot.pending != nullptr)
             exchange(slot, snapshot, retired);
     }
-
-    const float gain = overallGain.load(std::memory_order_relaxed);
-    if (gain != 1.0F) // in every state, and as a step
-        scaleColumn(out + channel, frames, channelCount, gain);
-    return true;
 }
 
 void CFilteringEngine::runFilter(SDspFilter& dsp, void* filter, bool wanted, const SBlock& block)

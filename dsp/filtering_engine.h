@@ -15,7 +15,8 @@ namespace korvodsp {
 /// filter is exchanged for another through the unfiltered signal: a block out, a block in.
 ///
 /// Filters are borrowed handles of dsp/fiir_filter.h. Their owner may discard one when hasFilters() has
-/// become false, or after removeAllFiltersHard().
+/// become false, or after removeAllFiltersHard(), and a process() call that was under way has returned: see
+/// passCount().
 ///
 /// Threads: process() and processDelayAndGain() belong to the audio thread. Constructor, destructor,
 /// initFilters, init, freeProcessBuffer, resetFilters and removeAllFiltersHard must not overlap them.
@@ -41,6 +42,9 @@ public:
     /// process() then refuses every block that has frames. A delay line that cannot be had is not reported:
     /// its channel goes undelayed.
     bool init(unsigned rate, unsigned blockFrames, unsigned channels, unsigned maxDelaySamples);
+    unsigned getNumChannels() const { return numChannels; }
+    /// The rate of the last init(), 0 before. Control thread.
+    std::uint32_t getSampleRate() const { return sampleRate; }
     void freeProcessBuffer();
     /// Does nothing: the delay lines go with the engine.
     void freeDelayBuffers() {}
@@ -58,6 +62,10 @@ public:
     std::vector<void*> removeAllFilters();
     /// Lets go of every filter at once, with no fade.
     void removeAllFiltersHard();
+
+    /// Odd while the audio thread is inside process(). Where it is odd, a change of the number says that the call
+    /// which was under way has returned, and with it the last use of what it found in the slots.
+    std::uint32_t passCount() const { return passes.load(std::memory_order_acquire); }
 
     void enable(bool on);
     bool isEnabled() const;
@@ -133,9 +141,11 @@ private:
         std::uint32_t channelCount;
     };
 
+    void runSlots(SDspFilter& dsp, bool filterWanted, const SBlock& block, void** retired);
     void runFilter(SDspFilter& dsp, void* filter, bool wanted, const SBlock& block);
     static void exchange(SFilterSlot& slot, const SSlotSnapshot& snapshot, void** retired);
 
+    std::atomic<std::uint32_t> passes = 0;
     std::uint32_t numChannels;
     float* processBuffer =
         nullptr; ///< aligned; interleaved as the block is, holds the filtered signal during a fade
