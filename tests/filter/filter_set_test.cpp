@@ -1,0 +1,168 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "filter/filter_set.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cmath>
+
+#include "tests/support/document_builder.h"
+#include "tests/support/temp_folder.h"
+
+using korvo::filter::CFIIRFilter;
+using korvotest::SChannel;
+using korvotest::SSet;
+
+namespace {
+
+constexpr unsigned kRates[] = {44100, 48000, 88200, 96000, 176400, 192000, 352800, 384000};
+
+/// A filter set, its engine, and blocks for it.
+class FilterSet : public testing::Test
+{
+protected:
+    FilterSet()
+    {
+        engine.initFilters(kRates, 8);
+        engine.init(48000, 64, 2, 4800);
+    }
+
+    unsigned load(const std::vector<SChannel>& channels, bool minPhase = false)
+    {
+        const auto file = folder.write("f.korvo", korvotest::documentText(channels));
+        return set.loadAndReadFilter(juce::String(file.string()), minPhase);
+    }
+
+    void processBlock()
+    {
+        float block[128] = {};
+        void* retired[8] = {};
+        for (unsigned channel = 0; channel < 2; ++channel)
+            engine.process(false, block, block, 64, channel, 2, retired);
+    }
+
+    korvotest::CTempFolder folder;
+    korvodsp::CFilteringEngine engine{2};
+    CFIIRFilter set{engine};
+};
+
+SSet taps(unsigned fs, std::vector<float> values, bool minPhase = false)
+{
+    return {fs, minPhase, std::move(values), {{0, 0, 0, 0}}};
+}
+
+std::vector<float> impulse(std::size_t position, float value)
+{
+    std::vector<float> values(position + 8, 0.0F);
+    values[position] = value;
+    return values;
+}
+
+} // namespace
+
+TEST_F(FilterSet, RunsTheFirstSetOfARateAndLinesTheHighBandUpWithTheLast)
+{
+    ASSERT_EQ(load({{1, 0, 0, 0, {taps(96000, impulse(20, 0.5F)), taps(96000, impulse(30, -0.25F))}}}), 0U);
+    const CFIIRFilter::SHighBand band = set.getHighBand(96000, 0);
+    EXPECT_NEAR(band.gain, -0.25F, 1e-4F);
+    EXPECT_EQ(band.delay, 30U);
+    EXPECT_FLOAT_EQ(set.getlatency(), 20.0F / 96000.0F * 1000.0F);
+
+    engine.init(96000, 64, 1, 9600);
+    float block[64] = {1.0F};
+    void* retired[8] = {};
+    float silence[64] = {};
+    for (int i = 0; i < 3; ++i)
+        engine.process(false, silence, silence, 64, 0, 1, retired);
+    engine.process(false, block, block, 64, 0, 1, retired);
+    EXPECT_EQ(block[20], 0.5F);
+    EXPECT_EQ(block[30], 0.0F);
+}
+
+TEST_F(FilterSet, EstimatesFiltersOfAnyLength)
+{
+    for (const std::vector<float>& values : {std::vector<float>{-0.5F}, {0.0F, -0.5F}, {0.0F, 0.0F, 0.0F, -0.5F}})
+    {
+        ASSERT_EQ(load({{1, 0, 0, 0, {taps(88200, values)}}}), 0U);
+        const CFIIRFilter::SHighBand band = set.getHighBand(88200, 0);
+        EXPECT_NEAR(band.gain, -0.5F, 1e-4F);
+        EXPECT_EQ(band.delay, values.size() - 1);
+    }
+    // Silence has no delay and no gain, and loads all the same.
+    ASSERT_EQ(load({{1, 0, 0, 0, {taps(88200, {0.0F, 0.0F})}}}), 0U);
+    EXPECT_EQ(set.getHighBand(88200, 0).gain, 0.0F);
+}
+
+TEST_F(FilterSet, TheHighBandIsNeutralWithoutAnActiveMode)
+{
+    EXPECT_EQ(set.getHighBand(96000, 0).gain, 1.0F);
+    ASSERT_EQ(load({{1, 0, 0, 0, {taps(96000, impulse(9, 0.25F))}}}), 0U);
+    EXPECT_EQ(set.getHighBand(96000, 0).delay, 9U);
+    ASSERT_EQ(load({}), 2U);
+    EXPECT_EQ(set.getHighBand(96000, 0).gain, 1.0F);
+    EXPECT_EQ(set.getHighBand(96000, 0).delay, 0U);
+}
+
+TEST_F(FilterSet, LatencyComesFromTheFirstSetThatIsNotSilent)
+{
+    ASSERT_EQ(load({{1, 0, 0, 0,
+                     {taps(44100, {0, 0, 0}), taps(48000, impulse(480, 1.0F)), taps(96000, impulse(7, 1.0F)),
+                      taps(48000, {0.0F, -0.5F, 0.5F}, true)}}}),
+              0U);
+    EXPECT_FLOAT_EQ(set.getlatency(), 10.0F);
+    ASSERT_EQ(load({{1, 0, 0, 0, {taps(44100, {0, 0, 0}), taps(48000, {0.0F, -0.5F, 0.5F}, true)}}}, true), 0U);
+    EXPECT_FLOAT_EQ(set.getlatency(), 1000.0F / 48000.0F) << "of two equal peaks the first counts";
+    EXPECT_TRUE(set.isUsingMinPhase());
+}
+
+TEST_F(FilterSet, OffersARateThatAnyChannelHasInTheActiveMode)
+{
+    const std::vector<SChannel> channels = {{1, 0, 0, -3.0F, {taps(48000, {1}), taps(192000, {1})}},
+                                            {2, 0, 0, -2.0F, {taps(32000, {1}), taps(44100, {1}, true)}}};
+    ASSERT_EQ(load(channels), 0U);
+    for (const auto& [rate, offered] : {std::pair{48000U, true}, {32000U, true}, {192000U, true}, {44100U, false}})
+        EXPECT_EQ(set.supportsSampleRate(rate), offered) << rate;
+    EXPECT_EQ(set.getMaxGain(), 0.0F) << "a filter that only cuts has no gain to report";
+    set.loadFilter(true);
+    for (const auto& [rate, offered] : {std::pair{48000U, false}, {192000U, true}, {44100U, true}})
+        EXPECT_EQ(set.supportsSampleRate(rate), offered) << rate;
+}
+
+TEST_F(FilterSet, DefaultsLeaveChannelsWithoutModeOneAlone)
+{
+    ASSERT_EQ(load({{1, 6.0F, 4.0F, 0, {taps(48000, {1})}}, {2, 6.0F, 4.0F, 0, {taps(48000, {1}, true)}}}), 0U);
+    engine.setChannelGain(1, 0.125F);
+    set.setDefaultGainAndDelay();
+    EXPECT_NEAR(engine.getChannelGain(0), std::pow(10.0, 0.3), 1e-6);
+    EXPECT_EQ(engine.getChannelDelay(0), 4.0F);
+    EXPECT_EQ(engine.getChannelGain(1), 0.125F);
+}
+
+TEST_F(FilterSet, KeepsTheChannelsThatTheEngineLacksOutOfIt)
+{
+    ASSERT_EQ(load(korvotest::sameChannels(11, {taps(48000, {1}), taps(96000, {1, 2, 3, 4, 5})})), 0U);
+    set.setDefaultGainAndDelay();
+    processBlock();
+    EXPECT_TRUE(set.supportsSampleRate(96000));
+    EXPECT_EQ(set.getOutputRouting()[7], 8U);
+    EXPECT_EQ(set.getOutputRouting()[8], 0U);
+}
+
+TEST_F(FilterSet, ClearingWaitsForTheAudioThreadAndNoLongerThanASecond)
+{
+    const auto timed = [this] {
+        const auto start = std::chrono::steady_clock::now();
+        set.clear();
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    };
+    ASSERT_EQ(load({{1, 0, 0, 0, {taps(48000, {1})}}}), 0U);
+    EXPECT_LT(timed(), 0.5) << "no filter has started";
+    ASSERT_EQ(load({{1, 0, 0, 0, {taps(48000, {1})}}}), 0U);
+    processBlock();
+    EXPECT_TRUE(engine.hasFilters());
+    const double stuck = timed();
+    EXPECT_GT(stuck, 1.0);
+    EXPECT_LT(stuck, 3.0);
+    EXPECT_FALSE(engine.hasFilters());
+    EXPECT_LT(timed(), 0.5);
+}
