@@ -1,0 +1,214 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Proof that the audio path neither allocates nor enters the kernel. Sanitizers do both behind its back, so that there
+// is nothing to prove under them.
+#include <gtest/gtest.h>
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+
+#include <linux/seccomp.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <thread>
+
+#include "tests/support/processor.h"
+
+namespace {
+
+thread_local bool t_counting = false;
+thread_local unsigned t_allocations = 0;
+
+void noteAllocation()
+{
+    if (t_counting)
+        ++t_allocations;
+}
+
+} // namespace
+
+// Every way into the C library's heap, `new` among them, goes through these and is counted while a test says so.
+extern "C" {
+
+void* __libc_malloc(std::size_t);
+void* __libc_calloc(std::size_t, std::size_t);
+void* __libc_realloc(void*, std::size_t);
+void* __libc_memalign(std::size_t, std::size_t);
+void __libc_free(void*);
+
+void* malloc(std::size_t size)
+{
+    noteAllocation();
+    return __libc_malloc(size);
+}
+void* calloc(std::size_t count, std::size_t size)
+{
+    noteAllocation();
+    return __libc_calloc(count, size);
+}
+void* realloc(void* block, std::size_t size)
+{
+    noteAllocation();
+    return __libc_realloc(block, size);
+}
+void* memalign(std::size_t alignment, std::size_t size)
+{
+    noteAllocation();
+    return __libc_memalign(alignment, size);
+}
+void* aligned_alloc(std::size_t alignment, std::size_t size)
+{
+    noteAllocation();
+    return __libc_memalign(alignment, size);
+}
+int posix_memalign(void** block, std::size_t alignment, std::size_t size)
+{
+    noteAllocation();
+    *block = __libc_memalign(alignment, size);
+    return *block == nullptr ? ENOMEM : 0;
+}
+void free(void* block)
+{
+    noteAllocation();
+    __libc_free(block);
+}
+
+} // extern "C"
+
+using korvotest::CProcessor;
+using korvotest::SSet;
+
+namespace {
+
+constexpr unsigned kChannels = 2;
+constexpr unsigned kFrames = 64;
+
+std::vector<korvotest::SChannel> document()
+{
+    std::vector<SSet> sets;
+    for (const unsigned rate : {44100U, 48000U, 88200U, 96000U, 176400U, 192000U, 352800U, 384000U})
+        sets.push_back({rate, false, std::vector<float>(123, 0.01F), {{-1.5F, 0.6F, 0.01F, 0.01F}}});
+    return korvotest::sameChannels(kChannels, sets);
+}
+
+/// One block of any format; a few samples beyond full scale among them.
+struct SBlock
+{
+    alignas(16) unsigned char input[kFrames * kChannels * 4];
+    alignas(16) unsigned char output[kFrames * kChannels * 4];
+};
+
+/// All that an audio thread may meet: running, faded out, disabled, faded in, gains and delays on the move.
+void exerciseAudioPath(krv_handle handle, SBlock& block)
+{
+    for (int i = 0; i < 12; ++i)
+    {
+        if (i == 3 || i == 8)
+            krv_enable(handle, i == 8);
+        krv_setChannelGain(handle, 0, static_cast<float>(i));
+        krv_setChannelDelay(handle, 1, static_cast<float>(i * 3));
+        krv_process(handle, block.input, block.output, kFrames - static_cast<unsigned>(i) % 3 * 4, kChannels);
+    }
+}
+
+void fill(SBlock& block)
+{
+    block = {};
+    for (std::size_t i = 0; i < sizeof block.input; ++i)
+        block.input[i] = static_cast<unsigned char>(i * 37 % 0x3F); // small exponents: finite as floats
+}
+
+/// Runs `audio` on a thread that the kernel kills at any system call but read, write and exit, with `control` beside
+/// it, and ends the process: with success if the thread has come through.
+template<typename Audio, typename Control>
+[[noreturn]] void runLockedDown(Audio&& audio, Control&& control)
+{
+    std::atomic<pid_t> threadId{0};
+    std::atomic<bool> done{false};
+    std::thread thread([&] {
+        const pid_t id = gettid();
+        prctl(PR_SET_SECCOMP, SECCOMP_MODE_STRICT);
+        threadId = id;
+        audio();
+        done = true;
+        syscall(SYS_exit, 0); // the thread alone; anything that the C library does to end it would be refused
+    });
+    while (threadId == 0)
+        std::this_thread::yield();
+    control();
+    // The kernel kills the one thread and leaves the process.
+    while (!done && tgkill(getpid(), threadId, 0) == 0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    _exit(done ? 0 : 1);
+}
+
+template<typename Audio>
+bool survivesLockedDown(Audio&& audio)
+{
+    const pid_t child = fork();
+    if (child == 0)
+        runLockedDown(audio, [] {});
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+/// Mode 2 is asked for while mode 1 plays; ends once the new filters have played for a while.
+void exchangeFiltersLockedDown()
+{
+    SBlock block;
+    fill(block);
+    CProcessor processor(kChannels, kFrames);
+    if (processor.load(document()) != KRV_STATUS_OK || krv_setSamplerate(processor, 48000) != KRV_STATUS_OK)
+        _exit(1);
+    runLockedDown(
+        [&] {
+            for (std::uint32_t mode = 1; mode != 2; krv_getFilterOperatingMode(processor, &mode))
+                krv_process(processor, block.input, block.output, kFrames, kChannels);
+            exerciseAudioPath(processor, block);
+        },
+        [&] { krv_setFilterOperatingMode(processor, 2); });
+}
+
+} // namespace
+
+TEST(RealTime, AThreadThatDoesMakeASystemCallIsKilled)
+{
+    EXPECT_FALSE(survivesLockedDown([] { getppid(); }));
+    EXPECT_TRUE(survivesLockedDown([] {}));
+}
+
+TEST(RealTime, ProcessNeitherAllocatesNorEntersTheKernel)
+{
+    SBlock block;
+    fill(block);
+    for (const unsigned rate : {44100U, 96000U, 176400U, 192000U, 384000U})
+        for (int in = 1; in <= 5; ++in)
+            for (int out = 1; out <= 5; ++out)
+            {
+                SCOPED_TRACE(testing::Message() << rate << " Hz, format " << in << " to " << out);
+                CProcessor processor(kChannels, kFrames, in, out);
+                ASSERT_EQ(processor.load(document()), KRV_STATUS_OK);
+                ASSERT_EQ(krv_setSamplerate(processor, rate), KRV_STATUS_OK);
+                t_allocations = 0;
+                t_counting = true;
+                exerciseAudioPath(processor, block);
+                t_counting = false;
+                EXPECT_EQ(t_allocations, 0U);
+                EXPECT_TRUE(in != out || survivesLockedDown([&] { exerciseAudioPath(processor, block); }));
+            }
+}
+
+TEST(RealTime, FilterExchangeDoesNotEnterTheKernelEither)
+{
+    // In a process of its own, since the threads that read filter files do not survive a fork.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(exchangeFiltersLockedDown(), testing::ExitedWithCode(0), "");
+}
+
+#endif
