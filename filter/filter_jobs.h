@@ -20,9 +20,9 @@ inline constexpr int kJobNotRead = 3;
 
 inline constexpr int kReadLimitMs = 10000;
 
-/// Longer documents are refused unread. The largest sensible one (8 channels, 8 rates, 2 modes, 8192 taps)
-/// has a twentieth of this.
-inline constexpr std::size_t kLongestDocument = std::size_t{256} << 20;
+/// Longer documents are refused unread: the tree that rapidxml makes can take 25 times the size of its text.
+/// The largest sensible document (8 channels, 8 rates, 2 modes, 8192 taps) has a quarter of this.
+inline constexpr std::size_t kLongestDocument = std::size_t{64} << 20;
 
 /// Reads a document on a thread of the filter job pool and waits for it, at most `limitMs`. The receiver is
 /// called on that thread. After a time-out the job, which may still run, touches neither the stream nor the

@@ -73,6 +73,11 @@ std::int64_t valueOfDigits(const char* end, std::uint32_t count)
     return (both & 0xFFFFFFFF) * 100000000 + (both >> 32);
 }
 
+std::uint32_t maskOf(__m128i bytes)
+{
+    return static_cast<std::uint32_t>(_mm_movemask_epi8(bytes));
+}
+
 /// Reads a token such as "0.0123456789" or "-1.5": one digit, a point, 1 to 12 digits. Both the digits
 /// without the point and the power of ten below them are whole numbers that a double holds, so one division
 /// rounds as atof() does. Lists consist of little else, and std::from_chars takes twice as long for each.
@@ -84,14 +89,16 @@ const char* parseShort(const char* token, double& value)
     const __m128i text = _mm_loadu_si128(reinterpret_cast<const __m128i*>(token));
     const __m128i fromZero = _mm_sub_epi8(text, _mm_set1_epi8('0'));
     const __m128i digits = _mm_cmpeq_epi8(_mm_min_epu8(fromZero, _mm_set1_epi8(9)), fromZero);
-    // Bit i: character i is no digit. With the sign shifted out, the form is that of the lowest bits.
-    const std::uint32_t others = ~static_cast<std::uint32_t>(_mm_movemask_epi8(digits));
-    const std::uint32_t sign = others & 1;
-    const std::uint32_t unsignedOthers = others >> sign;
-    const auto fraction = static_cast<std::uint32_t>(std::countr_zero(unsignedOthers >> 2));
-    const char* const end = token + sign + 2 + fraction;
-    if ((unsignedOthers & 3) != 2 || token[sign + 1] != '.' || fraction - 1 > 11 || !isSeparator(*end) ||
-        (sign != 0 && *token != '-'))
+    const __m128i ends =
+        _mm_or_si128(_mm_cmpeq_epi8(text, _mm_set1_epi8(' ')), _mm_cmpeq_epi8(text, _mm_set1_epi8(']')));
+    // The next token waits for this length and for nothing else.
+    const auto length = static_cast<std::uint32_t>(std::countr_zero(maskOf(ends) | 1U << 16));
+    const char* const end = token + length;
+
+    const std::uint32_t sign = *token == '-' ? 1 : 0;
+    const std::uint32_t fraction = length - sign - 2;
+    const std::uint32_t others = ~maskOf(digits) & ((1U << length) - 1);
+    if (fraction - 1 > 11 || others != (2U << sign | sign) || token[sign + 1] != '.')
         return nullptr;
 
     const double power = kPowers[fraction];

@@ -178,30 +178,6 @@ TEST(FilterJobsThreads, TellWhatBecameOfADocument)
     EXPECT_EQ(readFilterDocument(borrowed.get(), &thrower), kJobRefused);
 }
 
-TEST(FilterJobsThreads, ReadTwoDocumentsAtOnce)
-{
-    struct SMeeting : CRecorder
-    {
-        SMeeting(CGate& ownGate, CGate& otherGate) : own(ownGate), other(otherGate) {}
-        bool IFIIRCallback_ChannelInfo(unsigned int, const char*, unsigned int, float, float, float) override
-        {
-            own.open();
-            return other.wait();
-        }
-        CGate& own;
-        CGate& other;
-    };
-    CGate gates[2];
-    SMeeting first(gates[0], gates[1]);
-    SMeeting second(gates[1], gates[0]);
-    int results[2] = {};
-    std::jthread other([&] { results[1] = readFilterDocument(streamOf(kExample), &second); });
-    results[0] = readFilterDocument(streamOf(kExample), &first);
-    other.join();
-    EXPECT_EQ(results[0], kJobDone);
-    EXPECT_EQ(results[1], kJobDone);
-}
-
 /// Gives one byte at a time, and each only after `delay`.
 class CSlowStream : public juce::MemoryInputStream
 {
