@@ -213,8 +213,8 @@ TEST(FilterDocument, RefusesDeepNestingAndOnlyThat)
     const int deepest = korvo::parser::kDeepestNesting;
     EXPECT_EQ(parse(repeated("<a>", deepest) + repeated("</a>", deepest)), eResultNoRoot);
     EXPECT_EQ(parse(repeated("<a>", deepest + 1) + repeated("</a>", deepest + 1)), eResultXmlError);
-    for (const char* flat :
-         {"<a/>", "<a b='>'/>", "<!-- <a> -->", "<!DOCTYPE x [<a>]>", "<?a <a>?>", "<![CDATA[<a>]]>"})
+    for (const char* flat : {"<a/>", "<a b='>'/>", "<a></a>", "<!-- -> ->-> <a> -->",
+                             "<!DOCTYPE x [<!y ><a>]>", "<?a > <a>?>", "<![CDATA[]> <a>]]>"})
         EXPECT_EQ(parse("<brisa>" + repeated(flat, 1000) + "</brisa>"), eResultNoFilter) << flat;
 }
 
