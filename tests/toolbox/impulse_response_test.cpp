@@ -1,0 +1,328 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "toolbox/impulse_response.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <new>
+#include <numbers>
+
+#include "tests/support/random.h"
+#include "tests/toolbox/fault_injection.h"
+#include "toolbox/allocator.h"
+
+namespace {
+
+/// `new (std::nothrow)` calls that still succeed; negative for no limit.
+int s_newsLeft = -1;
+
+} // namespace
+
+// The linker sends the library's calls of `new (std::nothrow)` here (--wrap).
+extern "C" {
+
+void* __real__ZnwmRKSt9nothrow_t(std::size_t size, const std::nothrow_t& tag);
+void* __wrap__ZnwmRKSt9nothrow_t(std::size_t size, const std::nothrow_t& tag)
+{
+    if (s_newsLeft == 0)
+        return nullptr;
+    s_newsLeft -= s_newsLeft > 0 ? 1 : 0;
+    return __real__ZnwmRKSt9nothrow_t(size, tag);
+}
+}
+
+namespace {
+
+using namespace korvotoolbox;
+
+constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+constexpr float kInfinity = std::numeric_limits<float>::infinity();
+
+/// A response in an array that the truncations may replace.
+struct SResponse
+{
+    explicit SResponse(const std::vector<float>& samples)
+        : data(static_cast<float*>(dtb_alloc(samples.size() * sizeof(float))))
+        , length(static_cast<int>(samples.size()))
+    {
+        std::copy(samples.begin(), samples.end(), data);
+    }
+    ~SResponse() { dtb_free(data); }
+    SResponse(const SResponse&) = delete;
+    SResponse& operator=(const SResponse&) = delete;
+
+    float* data;
+    int length;
+    int removed = -7;
+};
+
+/// A cut or a filtered cut; returns the status.
+int truncate(bool filtered, SResponse& response, float level, float margin, int rate = 48000)
+{
+    const auto cut = filtered ? truncImpStartToLevelUsingFilteredCopy : truncImpStartToLevel;
+    return cut(response.data, response.length, level, margin, rate, response.removed);
+}
+
+/// Samples from where an impulse first reaches a fraction of its peak to the peak, after zero-phase filtering
+/// at 400 and 20 Hz. A second-order Butterworth low-pass, squared, has the impulse response that kernel()
+/// gives; the high-pass takes away what a low-pass at its cutoff lets through.
+int leadOfFilteredImpulse(double level)
+{
+    const auto kernel = [](double cutoff, int sample) {
+        const double x = std::numbers::sqrt2 * std::numbers::pi * cutoff * sample / 48000.0;
+        return cutoff * std::exp(-x) * (std::cos(x) + std::sin(x));
+    };
+    int lead = 4000;
+    while (std::abs(kernel(400.0, lead) - kernel(20.0, lead)) < level * (400.0 - 20.0))
+        --lead;
+    return lead;
+}
+
+TEST(ImpulseSearch, FindsLevelsInTheDocumentedRange)
+{
+    const std::vector<float> data{0.0F, -0.125F, 0.5F, 0.25F, -1.0F, 0.75F, 1.0F, 0.5F};
+    const int length = static_cast<int>(data.size());
+    struct SCase
+    {
+        float level;
+        int firstAbsolute, lastAbsolute, first, last;
+    };
+    const SCase cases[] = {{0.125F, 1, 7, 1, 3},    {0.25F, 2, 7, 2, 3},  {0.5F, 2, 7, 2, 2},
+                           {0.75F, 4, 6, 4, -1},    {1.0F, 4, 6, 4, -1},  {1.001F, -1, -1, -1, -1},
+                           {0.0009F, 1, 7, -1, -1}, {0.001F, 1, 7, 1, 3}, {kNaN, -1, -1, -1, -1}};
+    for (const SCase& c : cases)
+    {
+        EXPECT_EQ(findIdxWhereAbsFirstExceedsLevel(data.data(), length, c.level), c.firstAbsolute) << c.level;
+        EXPECT_EQ(findIdxWhereAbsLastExceedsLevel(data.data(), length, c.level), c.lastAbsolute) << c.level;
+        EXPECT_EQ(findIdxWhereAbsFirstExceeds(data.data(), length, c.level), c.first) << c.level;
+        EXPECT_EQ(findIdxWhereAbsLastExceeds(data.data(), length, c.level), c.last) << c.level;
+    }
+    // A fraction of the peak, not an absolute magnitude; and nothing beyond `length` counts.
+    EXPECT_EQ(findIdxWhereAbsFirstExceeds(data.data(), 4, 1.0F), 2);
+    EXPECT_EQ(findIdxWhereAbsFirstExceedsLevel(data.data(), 4, 1.0F), -1);
+    EXPECT_EQ(findIdxWhereAbsLastExceeds(data.data() + 4, 4, 0.001F), -1) << "the peak comes first";
+    for (const auto find : {findIdxWhereAbsFirstExceedsLevel, findIdxWhereAbsLastExceedsLevel,
+                            findIdxWhereAbsFirstExceeds, findIdxWhereAbsLastExceeds})
+    {
+        EXPECT_EQ(find(nullptr, 8, 0.5F), -1);
+        EXPECT_EQ(find(data.data(), 0, 0.5F), -1);
+        EXPECT_EQ(find(data.data(), -3, 0.5F), -1);
+    }
+}
+
+TEST(ImpulseSearch, FindsTheStartByTwoThresholds)
+{
+    struct SCase
+    {
+        std::vector<float> data;
+        int start;
+        const char* what;
+    };
+    const SCase cases[] = {
+        {{1.0F, 0.5F, 0.0F}, 0, "the peak comes first"},
+        {{0.0F, 0.0F, 0.02F, 0.03F, -0.08F, 1.0F}, 1, "last below 1% before 7%"},
+        {{0.0F, 0.02F, 0.0F, 0.05F, 0.0699F, -1.0F}, 2, "7% is not yet reached below it"},
+        {{0.02F, 0.02F, 0.5F, 1.0F}, 2, "nothing below 1%"},
+        {{0.0F, 0.0F, 0.0F, 0.0F}, 0, "silence"},
+        {{0.0F, 0.0F, 0.08F, 0.001F, -1.0F}, 1, "an early reflection above 7%"},
+        {{kNaN, 1.0F, 0.0F, 0.0F}, 4, "a peak that is no number"},
+    };
+    for (const SCase& c : cases)
+        EXPECT_EQ(findIdxOfDataStart(c.data.data(), static_cast<int>(c.data.size())), c.start) << c.what;
+    EXPECT_EQ(findIdxOfDataStart(nullptr, 4), -1);
+}
+
+TEST(ImpulseSearch, FindsZeroCrossingsOnBothSides)
+{
+    //                      0      1      2      3      4     5     6      7      8     9
+    std::vector<float> data{0.5F, -0.2F, -1.0F, -0.4F, 0.1F, 1.0F, 0.3F, -0.3F, -0.9F, 0.2F, 0.0F, 0.0F};
+    struct SCase
+    {
+        int length, index;
+        bool before;
+        int expected;
+        const char* what;
+    };
+    const SCase cases[] = {
+        {10, 5, false, 7, "equal magnitudes: the one past the crossing"},
+        {10, 5, true, 4, "the neighbour is closer to zero"},
+        {10, 2, false, 4, "the one past the crossing is closer"},
+        {10, 2, true, 1, "crossing on the first sample, neighbour closer"},
+        {10, 8, false, 9, "crossing on the last sample"},
+        {10, 4, true, 4, "crossing right beside the index"},
+        {12, 10, false, 11, "zero crosses at once"},
+        {7, 5, false, 6, "no crossing: the last sample"},
+        {10, 0, false, 0, "index 0"},
+        {10, 9, false, 9, "last index, upward"},
+        {10, 9, true, 9, "last index, downward"},
+        {10, 10, true, 10, "past the end"},
+        {10, -1, true, -1, "negative"},
+        {-10, 5, true, 5, "no length"},
+    };
+    for (const SCase& c : cases)
+        EXPECT_EQ(findIdxOfZeroCrossingBeforeOrAfterIdx(data.data(), c.length, c.index, c.before), c.expected)
+            << c.what;
+    EXPECT_EQ(findIdxOfZeroCrossingBeforeOrAfterIdx(data.data() + 1, 3, 2, true), 0)
+        << "no crossing: the first";
+    EXPECT_EQ(findIdxOfZeroCrossingBeforeOrAfterIdx(nullptr, 10, 5, true), 5);
+}
+
+TEST(ImpulseTruncation, ChecksItsArgumentsAlikeInAllThree)
+{
+    struct SCase
+    {
+        int length;
+        float level, margin;
+        int rate;
+        bool valid;
+    };
+    const SCase cases[] = {
+        {3, 0.5F, 0.0F, 48000, false},    {4, 0.5F, 0.0F, 48000, true},      {4, 0.0F, 0.0F, 48000, false},
+        {4, 1.0F, 0.0F, 44100, true},     {4, 1.0001F, 0.0F, 48000, false},  {4, kNaN, 0.0F, 48000, false},
+        {4, 0.5F, -0.001F, 48000, false}, {4, 0.5F, 0.0F, 32000, false},     {4, 0.5F, 0.0F, 96000, true},
+        {4, 0.0005F, 0.0F, 88200, true},  {4, 0.5F, kInfinity, 48000, true}, {4, 0.5F, kNaN, 48000, true},
+        {-1, 0.5F, 0.0F, 48000, false},   {4, 0.5F, 1e30F, 48000, true},
+    };
+    for (const SCase& c : cases)
+    {
+        const std::vector<float> samples{1.0F, 0.5F, 0.25F, 0.125F};
+        for (const bool filtered : {false, true})
+        {
+            SResponse response(samples);
+            float* const before = response.data;
+            response.length = c.length;
+            EXPECT_EQ(truncate(filtered, response, c.level, c.margin, c.rate), c.valid    ? 0
+                                                                               : filtered ? 160
+                                                                                          : 157);
+            EXPECT_EQ(response.removed, c.valid ? 0 : -7);
+            EXPECT_EQ(response.length, c.length);
+            EXPECT_EQ(response.data == before, !c.valid) << "a new array on success only";
+            EXPECT_TRUE(std::equal(samples.begin(), samples.end(), response.data));
+        }
+        std::vector<float> shifted = samples;
+        EXPECT_EQ(shiftImpStartToLevel(shifted.data(), c.length, c.level, c.margin, c.rate), c.valid);
+        EXPECT_EQ(shifted, samples);
+    }
+    EXPECT_FALSE(shiftImpStartToLevel(nullptr, 4, 0.5F, 0.0F, 48000));
+}
+
+TEST(ImpulseTruncation, CutsAtTheStartAndPaddingGivesTheResponseBack)
+{
+    // Before the impulse at 4000 there is a burst at 12 kHz of more than half its height.
+    std::mt19937 random = korvotest::makeRandom(4201);
+    std::vector<float> samples = korvotest::makeNoise(random, 9600, 1e-5F);
+    for (std::size_t i = 1000; i < 1200; ++i)
+        samples[i] += 0.6F * ((i + 1) % 4 < 2 ? 1.0F : -1.0F);
+    samples[4000] += 1.0F;
+    for (const auto& [filtered, level] :
+         {std::pair{false, 0.5F}, {false, 1.0F}, {true, 1.0F}, {true, 0.5F}, {true, 0.2F}, {true, 0.07F}})
+    {
+        const auto allocated = korvotest::readAccounting().current;
+        SResponse cut(samples);
+        ASSERT_EQ(truncate(filtered, cut, level, 2.0F), 0);
+        const int start = filtered ? 4000 - 96 - leadOfFilteredImpulse(static_cast<double>(level)) : 999;
+        EXPECT_NEAR(cut.removed, start, filtered ? 4 : 0) << level;
+        EXPECT_EQ(korvotest::readAccounting().current - allocated,
+                  sizeof(float) * static_cast<unsigned>(cut.length));
+        std::vector<float> padded(samples.begin(), samples.begin() + cut.removed);
+        padded.insert(padded.end(), cut.data, cut.data + cut.length);
+        EXPECT_EQ(padded, samples) << "what stays is not filtered";
+    }
+    for (const auto& [level, shift] : {std::pair{0.5F, 1000 - 96}, {0.7F, 4000 - 96}})
+    {
+        std::vector<float> shifted = samples;
+        EXPECT_TRUE(shiftImpStartToLevel(shifted.data(), 9600, level, 2.0F, 48000));
+        std::vector<float> expected(samples.begin() + shift, samples.end());
+        expected.resize(9600, 0.0F);
+        EXPECT_EQ(shifted, expected) << level;
+    }
+}
+
+TEST(ImpulseTruncation, LeavesEverythingAsItWasWhenItFails)
+{
+    struct SCase
+    {
+        bool filtered;
+        float first;         ///< sample
+        int allocationsLeft; ///< of the toolbox; a filtered truncation needs two
+        int newsLeft;        ///< of biquads; it needs two
+        int status;
+    };
+    for (const SCase& c :
+         {SCase{false, kNaN, 9, -1, 158}, SCase{false, 0.0F, 0, -1, 159}, SCase{true, 0.0F, 9, 0, 161},
+          SCase{true, 0.0F, 9, 1, 161}, SCase{true, 0.0F, 0, -1, 163}, SCase{true, 0.0F, 1, -1, 163}})
+    {
+        SResponse response({c.first, 0.0F, 1.0F, 0.0F});
+        float* const before = response.data;
+        const auto allocated = korvotest::readAccounting().current;
+        {
+            const korvotest::CFaults failing(c.allocationsLeft);
+            s_newsLeft = c.newsLeft;
+            EXPECT_EQ(truncate(c.filtered, response, 0.5F, 0.0F), c.status);
+            s_newsLeft = -1;
+        }
+        EXPECT_EQ(response.data, before);
+        EXPECT_EQ(response.length, 4);
+        EXPECT_EQ(response.removed, -7);
+        EXPECT_EQ(korvotest::readAccounting().current, allocated) << c.status;
+    }
+}
+
+TEST(ImpulseEditing, ShiftsWithZeroFill)
+{
+    const std::vector<float> samples{1.0F, 2.0F, 3.0F, 4.0F, 5.0F};
+    for (int shift = -7; shift <= 7; ++shift)
+    {
+        std::vector<float> data = samples;
+        EXPECT_EQ(shiftArray(data.data(), 5, shift), std::abs(shift) < 5);
+        std::vector<float> expected(15, 0.0F);
+        std::copy(samples.begin(), samples.end(), expected.begin() + 5 + (std::abs(shift) < 5 ? shift : 0));
+        EXPECT_EQ(data, std::vector<float>(expected.begin() + 5, expected.begin() + 10)) << shift;
+    }
+    std::vector<float> one{1.0F};
+    EXPECT_FALSE(shiftArray(one.data(), 1, 0));
+    EXPECT_FALSE(shiftArray(nullptr, 5, 1));
+    EXPECT_FALSE(shiftArray(one.data(), 1, std::numeric_limits<int>::min()));
+}
+
+TEST(ImpulseEditing, ZeroesRegionsWithAnExclusiveEnd)
+{
+    struct SCase
+    {
+        int centre, halfWidth, begin, end;
+    };
+    constexpr int kMax = std::numeric_limits<int>::max();
+    const SCase cases[] = {{5, 0, 0, 0},    {5, 2, 3, 7},        {1, 3, 0, 4},  {9, 2, 7, 10},
+                           {12, 3, 9, 10},  {-2, 3, 0, 1},       {20, 4, 0, 0}, {-20, 4, 0, 0},
+                           {5, 4, 1, 9},    {5, 5, 0, 0},        {5, -3, 0, 0}, {5, kMax, 0, 0},
+                           {kMax, 4, 0, 0}, {-kMax - 1, 4, 0, 0}};
+    for (const SCase& c : cases)
+    {
+        std::vector<float> data(10, 1.0F), expected(10, 1.0F);
+        setRegionToZero(c.centre, c.halfWidth, data.data(), 10);
+        std::fill(expected.begin() + c.begin, expected.begin() + c.end, 0.0F);
+        EXPECT_EQ(data, expected) << c.centre << " +- " << c.halfWidth;
+    }
+}
+
+TEST(ImpulseEditing, ZeroesTheLobeAroundAnIndex)
+{
+    const std::vector<float> samples{1.0F, 2.0F, -1.0F, -2.0F, 0.0F, 3.0F, 4.0F, 0.0F, 5.0F};
+    struct SCase
+    {
+        int index, begin, end;
+    };
+    // From the zero at 4 the negative lobe before it goes, from the zero at 7 the positive one does not.
+    for (const SCase& c : {SCase{0, 0, 2}, SCase{1, 0, 2}, SCase{2, 2, 4}, SCase{4, 2, 4}, SCase{6, 5, 7},
+                           SCase{7, 0, 0}, SCase{8, 8, 9}})
+    {
+        std::vector<float> data = samples, expected = samples;
+        zeroBetweenZeroCrossings(data.data(), 9, c.index);
+        std::fill(expected.begin() + c.begin, expected.begin() + c.end, 0.0F);
+        EXPECT_EQ(data, expected) << c.index;
+    }
+}
+
+} // namespace
