@@ -94,6 +94,35 @@ void interleaveFour(const float* const* channels, float* out, std::size_t f, std
             target[k * numChannels + c] = channels[c][f + k];
 }
 
+/// Interleaves whole groups of four frames of two channels, the layout that is met most often.
+/// @return the frames done
+std::size_t interleaveStereo(const float* left, const float* right, float* out, std::size_t frames)
+{
+    std::size_t f = 0;
+    for (; f + 4 <= frames; f += 4)
+    {
+        const __m128 a = _mm_loadu_ps(left + f);
+        const __m128 b = _mm_loadu_ps(right + f);
+        _mm_storeu_ps(out + 2 * f, _mm_unpacklo_ps(a, b));
+        _mm_storeu_ps(out + 2 * f + 4, _mm_unpackhi_ps(a, b));
+    }
+    return f;
+}
+
+/// The reverse of interleaveStereo().
+std::size_t deinterleaveStereo(const float* in, float* left, float* right, std::size_t frames)
+{
+    std::size_t f = 0;
+    for (; f + 4 <= frames; f += 4)
+    {
+        const __m128 low = _mm_loadu_ps(in + 2 * f);
+        const __m128 high = _mm_loadu_ps(in + 2 * f + 4);
+        _mm_storeu_ps(left + f, _mm_shuffle_ps(low, high, _MM_SHUFFLE(2, 0, 2, 0)));
+        _mm_storeu_ps(right + f, _mm_shuffle_ps(low, high, _MM_SHUFFLE(3, 1, 3, 1)));
+    }
+    return f;
+}
+
 /// Deinterleaves frames [f, f + 4).
 void deinterleaveFour(const float* in, float** channels, std::size_t f, std::size_t numChannels)
 {
@@ -245,7 +274,7 @@ bool AbsMax(const float* data, unsigned count, float threshold)
 
 void Interleave(const float* const* channels, float* out, unsigned frames, unsigned numChannels)
 {
-    std::size_t f = 0;
+    std::size_t f = numChannels == 2 ? interleaveStereo(channels[0], channels[1], out, frames) : 0;
     for (; f + 4 <= frames; f += 4)
         interleaveFour(channels, out, f, numChannels);
     for (; f < frames; ++f)
@@ -255,7 +284,7 @@ void Interleave(const float* const* channels, float* out, unsigned frames, unsig
 
 void Deinterleave(const float* in, float** channels, unsigned frames, unsigned numChannels)
 {
-    std::size_t f = 0;
+    std::size_t f = numChannels == 2 ? deinterleaveStereo(in, channels[0], channels[1], frames) : 0;
     for (; f + 4 <= frames; f += 4)
         deinterleaveFour(in, channels, f, numChannels);
     for (; f < frames; ++f)
