@@ -1,0 +1,73 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <exception>
+#include <iostream>
+
+#include "apps/krv/command.h"
+
+namespace {
+
+int fail(int exitCode, const std::string& message)
+{
+    std::cout.flush();
+    std::cerr << "krv: " << message << '\n';
+    return exitCode;
+}
+
+void addCommands(CLI::App& program)
+{
+    krv::addRenderCommand(program);
+    krv::addInfoCommand(program);
+    krv::addFiltersCommand(program);
+    krv::addBenchCommand(program);
+}
+
+int run(int argc, char** argv)
+{
+    CLI::App program("Corrects audio files through filter documents, and tells about filters.", "krv");
+    program.set_version_flag("--version", "krv " KRV_VERSION);
+    program.require_subcommand(1);
+    addCommands(program);
+    for (CLI::App* command : program.get_subcommands({}))
+        command->set_version_flag("--version", "krv " KRV_VERSION);
+    try
+    {
+        program.parse(argc, argv);
+    }
+    catch (const CLI::Success& wanted) // --help and --version
+    {
+        return program.exit(wanted);
+    }
+    catch (const CLI::ParseError& error)
+    {
+        return fail(krv::kExitUsage, std::string(error.what()) + " (see krv --help)");
+    }
+    // Standard output may be a file on a full disk as well.
+    if (!std::cout.flush())
+        return fail(krv::kExitFailed, "standard output cannot be written");
+    return krv::kExitDone;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    try
+    {
+        return run(argc, argv);
+    }
+    catch (const krv::CCommandError& error)
+    {
+        return fail(error.exitCode(), error.what());
+    }
+    catch (const std::bad_alloc&)
+    {
+        return fail(krv::kExitFailed, "out of memory");
+    }
+    catch (const std::exception& error)
+    {
+        return fail(krv::kExitFailed, error.what());
+    }
+}
