@@ -19,12 +19,14 @@ enum EExitCode
 };
 
 /// Ends a command: main() prints the message as "krv: <message>" on standard error and exits with the code.
-/// The message is one sentence without a full stop, names the file or option, and says what would be accepted.
+/// The message is one sentence without a full stop, names the file or option, and says what would be
+/// accepted.
 class CCommandError : public std::runtime_error
 {
 public:
     CCommandError(EExitCode exitCode, const std::string& message)
-        : std::runtime_error(message), m_exitCode(exitCode)
+        : std::runtime_error(message)
+        , m_exitCode(exitCode)
     {
     }
 

@@ -28,22 +28,19 @@ int run(int argc, char** argv)
 {
     CLI::App program("Corrects audio files through filter documents, and tells about filters.", "krv");
     program.set_version_flag("--version", "krv " KRV_VERSION);
-    program.require_subcommand(1);
     addCommands(program);
     for (CLI::App* command : program.get_subcommands({}))
         command->set_version_flag("--version", "krv " KRV_VERSION);
-    try
-    {
+    try {
         program.parse(argc, argv);
-    }
-    catch (const CLI::Success& wanted) // --help and --version
+    } catch (const CLI::Success& wanted) // --help and --version
     {
         return program.exit(wanted);
-    }
-    catch (const CLI::ParseError& error)
-    {
+    } catch (const CLI::ParseError& error) {
         return fail(krv::kExitUsage, std::string(error.what()) + " (see krv --help)");
     }
+    if (program.get_subcommands().empty())
+        return fail(krv::kExitUsage, "a command is needed (see krv --help)");
     // Standard output may be a file on a full disk as well.
     if (!std::cout.flush())
         return fail(krv::kExitFailed, "standard output cannot be written");
@@ -54,20 +51,13 @@ int run(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
-    try
-    {
+    try {
         return run(argc, argv);
-    }
-    catch (const krv::CCommandError& error)
-    {
+    } catch (const krv::CCommandError& error) {
         return fail(error.exitCode(), error.what());
-    }
-    catch (const std::bad_alloc&)
-    {
+    } catch (const std::bad_alloc&) {
         return fail(krv::kExitFailed, "out of memory");
-    }
-    catch (const std::exception& error)
-    {
+    } catch (const std::exception& error) {
         return fail(krv::kExitFailed, error.what());
     }
 }

@@ -1,0 +1,31 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#pragma once
+
+#include <sndfile.h>
+
+#include <cstdarg>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace krv {
+
+/// 'text', as messages show names.
+inline std::string inQuotes(const std::string& text)
+{
+    return "'" + text + "'";
+}
+
+/// printf into a string.
+[[gnu::format(printf, 1, 2)]] std::string formatted(const char* format, ...);
+
+/// "44100, 48000 Hz"
+std::string rateList(const std::vector<std::uint32_t>& rates);
+
+/// What libsndfile says about its last failure, fit for the middle of a sentence. Null: about the last open.
+std::string sndfileReason(SNDFILE* file);
+
+/// "2 channels", "1 channel"
+std::string counted(std::uint64_t count, const std::string& noun);
+
+} // namespace krv
