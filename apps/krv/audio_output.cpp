@@ -110,6 +110,14 @@ void checkOutput(const SOutputForm& form)
     }
 }
 
+void requireTwoFiles(const std::string& input, const std::string& output)
+{
+    std::error_code noFile;
+    if (fs::equivalent(input, output, noFile))
+        throw CCommandError(kExitUsage, "IN and OUT are the same file, " + inQuotes(input) +
+                                            "; give OUT a name of its own");
+}
+
 SF_VIRTUAL_IO CAudioOutput::virtualFile()
 {
     SF_VIRTUAL_IO file{};

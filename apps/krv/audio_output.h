@@ -29,6 +29,9 @@ void checkOutputName(const std::string& path);
 /// file can hold, a folder or device where the file should be.
 void checkOutput(const SOutputForm& form);
 
+/// Throws CCommandError if both names lead to one file.
+void requireTwoFiles(const std::string& input, const std::string& output);
+
 /// An audio file that appears under its name when it is complete, and not at all otherwise: it grows under
 /// another name beside it.
 class CAudioOutput

@@ -21,6 +21,7 @@ void addCommands(CLI::App& program)
     krv::addRenderCommand(program);
     krv::addInfoCommand(program);
     krv::addFiltersCommand(program);
+    krv::addIrCommand(program);
     krv::addBenchCommand(program);
 }
 

@@ -4,8 +4,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <filesystem>
-#include <system_error>
 #include <vector>
 
 #include "apps/krv/audio_input.h"
@@ -19,14 +17,6 @@
 namespace krv {
 
 namespace {
-
-void requireTwoFiles(const SRenderRequest& request)
-{
-    std::error_code noFile;
-    if (std::filesystem::equivalent(request.input, request.output, noFile))
-        throw CCommandError(kExitUsage, "IN and OUT are the same file, " + inQuotes(request.input) +
-                                            "; give OUT a name of its own");
-}
 
 SOutputForm outputForm(const SRenderRequest& request, const CAudioInput& input)
 {
@@ -124,7 +114,7 @@ SRenderReport render(const SRenderRequest& request)
 {
     checkOutputName(request.output);
     CAudioInput input(request.input);
-    requireTwoFiles(request);
+    requireTwoFiles(request.input, request.output);
     const SOutputForm form = outputForm(request, input);
     checkOutput(form);
 

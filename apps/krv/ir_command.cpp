@@ -1,0 +1,173 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include <CLI/CLI.hpp>
+
+#include <cmath>
+#include <iostream>
+#include <memory>
+
+#include "apps/krv/audio_output.h"
+#include "apps/krv/command.h"
+#include "apps/krv/impulse_file.h"
+#include "apps/krv/text.h"
+#include "dsp/measurer.h"
+#include "toolbox/helpers.h"
+#include "toolbox/impulse_response.h"
+
+namespace krv {
+
+namespace {
+
+std::string decibels(float linear)
+{
+    return formatted("%.2f dB", 20.0 * std::log10(static_cast<double>(linear)));
+}
+
+/// "4000  (83.333 ms)"
+std::string place(int index, std::uint32_t rate)
+{
+    return index < 0 ? "none" : formatted("%d  (%.3f ms)", index, 1e3 * index / rate);
+}
+
+void printChannel(std::vector<float>& channel, std::uint32_t rate, float level)
+{
+    const int length = static_cast<int>(channel.size());
+    korvodsp::CFMeasurer meter(static_cast<unsigned>(length));
+    meter.process(channel.data(), static_cast<unsigned>(length));
+    const int peak = korvotoolbox::maxAbsIdx(channel.data(), length);
+    const auto crossing = [&](bool before) {
+        return korvotoolbox::findIdxOfZeroCrossingBeforeOrAfterIdx(channel.data(), length, peak, before);
+    };
+    if (channel[static_cast<std::size_t>(peak)] == 0.0F)
+    {
+        std::cout << "    level             silent\n";
+        return;
+    }
+    std::cout << "    level             " << decibels(meter.getCurrentPeak()) << " peak, "
+              << decibels(meter.getCurrentRMS()) << " RMS\n"
+              << "    peak              " << place(peak, rate)
+              << formatted("  value %+.6g\n", static_cast<double>(channel[static_cast<std::size_t>(peak)]))
+              << "    start, level      "
+              << place(korvotoolbox::findIdxWhereAbsFirstExceeds(channel.data(), length, level), rate)
+              << formatted("  first at %g of the peak\n", static_cast<double>(level))
+              << "    start, threshold  "
+              << place(korvotoolbox::findIdxOfDataStart(channel.data(), length), rate)
+              << "  last below 0.01 before 0.07 of the peak\n"
+              << "    zero crossings    " << place(crossing(true), rate) << " and "
+              << place(crossing(false), rate) << " around the peak\n";
+}
+
+void printResponse(SImpulseFile& file, const SImpulseRequest& request)
+{
+    std::cout << request.input << ": " << counted(file.channels.size(), "channel") << ", " << file.rate
+              << " Hz\n"
+              << "  length  " << counted(static_cast<std::uint64_t>(file.frames), "frame")
+              << formatted(" (%.3f ms)\n", 1e3 * file.frames / file.rate);
+    for (std::size_t c = 0; c < file.channels.size(); ++c)
+    {
+        std::cout << "  channel " << c + 1 << '\n';
+        printChannel(file.channels[c], file.rate, request.level);
+    }
+}
+
+void printEdit(const SImpulseFile& file, const SImpulseRequest& request, int removed, bool startGiven)
+{
+    const bool shift = request.edit == EImpulseEdit::Shift;
+    std::cout << request.output << ": " << (shift ? "shifted by " : "cut by ")
+              << counted(static_cast<std::uint64_t>(removed), "frame")
+              << formatted(" (%.3f ms)", 1e3 * removed / file.rate);
+    if (file.channels.size() > 1)
+        std::cout << " in all " << file.channels.size() << " channels";
+    std::cout << ", "
+              << counted(static_cast<std::uint64_t>(shift ? file.frames : file.frames - removed), "frame")
+              << " long\n";
+    if (startGiven && request.edit == EImpulseEdit::Trim)
+        std::cout
+            << "  --level and --margin had no say: without --filtered the two thresholds find the start\n";
+}
+
+/// The options as they were given.
+struct SIrOptions
+{
+    SImpulseRequest request;
+    bool trim = false;
+    bool filtered = false;
+    bool shift = false;
+};
+
+SImpulseRequest checkedRequest(const SIrOptions& options)
+{
+    const auto usage = [](bool wrong, const std::string& message) {
+        if (wrong)
+            throw CCommandError(kExitUsage, message);
+    };
+    SImpulseRequest request = options.request;
+    usage(!(request.level > 0.0F && request.level <= 1.0F),
+          formatted("--level: %g is no fraction of the peak; it may be above 0 and up to 1",
+                    static_cast<double>(request.level)));
+    usage(!(request.margin >= 0.0F && std::isfinite(request.margin)),
+          formatted("--margin: %g ms is out of range; it may be 0 or more",
+                    static_cast<double>(request.margin)));
+    usage(options.trim && options.shift, "--trim and --shift exclude each other; give one of them");
+    usage(options.filtered && !options.trim,
+          "--filtered chooses how --trim finds the start; give --trim as well");
+    const bool edit = options.trim || options.shift;
+    usage(edit && request.output.empty(), "--trim and --shift need an OUT to write to");
+    usage(!edit && !request.output.empty(),
+          "OUT: what to write to " + inQuotes(request.output) + " is not said; give --trim or --shift");
+    if (options.shift)
+        request.edit = EImpulseEdit::Shift;
+    else if (options.trim)
+        request.edit = options.filtered ? EImpulseEdit::TrimFiltered : EImpulseEdit::Trim;
+    return request;
+}
+
+void run(const SImpulseRequest& request, bool startGiven)
+{
+    if (request.edit == EImpulseEdit::None)
+    {
+        SImpulseFile file = readImpulseFile(request.input);
+        printResponse(file, request);
+        return;
+    }
+    checkOutputName(request.output);
+    requireTwoFiles(request.input, request.output);
+    const SImpulseFile file = readImpulseFile(request.input);
+    const int removed = framesToRemove(file, request);
+    writeEdited(request, removed);
+    printEdit(file, request, removed, startGiven);
+}
+
+} // namespace
+
+void addIrCommand(CLI::App& program)
+{
+    CLI::App* command = program.add_subcommand(
+        "ir", "Shows where a measured impulse response starts, and cuts or shifts away what lies before");
+    const auto options = std::make_shared<SIrOptions>();
+    SImpulseRequest& request = options->request;
+    command->add_option("IN", request.input, "Impulse response at 44100, 48000, 88200 or 96000 Hz")
+        ->required();
+    command->add_option("OUT", request.output,
+                        "File to write in the sample format of IN, in .wav, .flac, .aiff, .aif or .w64");
+    command->add_flag(
+        "--trim", options->trim,
+        "Cuts the front, by default at the last sample below 0.01 of the peak that lies before the first "
+        "at 0.07, which --level and --margin do not move. All channels lose as much as the one that "
+        "starts first");
+    command->add_flag(
+        "--filtered", options->filtered,
+        "With --trim: cuts --margin before --level is reached in a copy limited to 20 to 400 Hz");
+    command->add_flag(
+        "--shift", options->shift,
+        "Moves the response to the front by what lies --margin before --level is reached, and keeps its "
+        "length. All channels move as much as the one that starts first");
+    command->add_option("--level", request.level, "Level of the start, as a fraction of the peak up to 1")
+        ->capture_default_str();
+    command->add_option("--margin", request.margin, "Time kept before the start, in ms")
+        ->capture_default_str();
+    command->callback([options, command] {
+        run(checkedRequest(*options), command->count("--level") + command->count("--margin") > 0);
+    });
+}
+
+} // namespace krv
