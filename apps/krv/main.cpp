@@ -22,6 +22,7 @@ void addCommands(CLI::App& program)
     krv::addInfoCommand(program);
     krv::addFiltersCommand(program);
     krv::addIrCommand(program);
+    krv::addMicCommand(program);
     krv::addBenchCommand(program);
 }
 
