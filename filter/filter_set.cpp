@@ -24,9 +24,6 @@ constexpr int kReleasePollMs = 10;
 /// The estimate is taken at half the base rate's Nyquist frequency, next to the crossover of the two bands.
 constexpr float kHighBandCentre = 0.5F;
 
-/// The estimate refuses shorter filters. Zeros behind a filter change nothing, so those are filled up.
-constexpr unsigned kShortestEstimate = 5;
-
 enum EStatus : unsigned
 {
     kStatusOk = 0,
@@ -77,6 +74,20 @@ private:
 unsigned modeIndex(bool minPhase)
 {
     return minPhase ? 1 : 0;
+}
+
+/// Index of the tap of largest magnitude, the first of equals; -1 where no tap is other than zero.
+int largestTap(const float* taps, unsigned nbrOfTaps)
+{
+    int index = -1;
+    float largest = 0.0F;
+    for (unsigned i = 0; i < nbrOfTaps; ++i)
+        if (std::fabs(taps[i]) > largest)
+        {
+            largest = std::fabs(taps[i]);
+            index = static_cast<int>(i);
+        }
+    return index;
 }
 
 } // namespace
@@ -319,41 +330,32 @@ bool CFIIRFilter::IFIIRCallback_FilterData(unsigned, unsigned fs, bool minPhase,
 
 void CFIIRFilter::estimateHighBand(unsigned fs, bool minPhase, const float* taps, unsigned nbrOfTaps)
 {
-    float padded[kShortestEstimate] = {};
-    if (nbrOfTaps < kShortestEstimate)
-    {
-        std::copy_n(taps, nbrOfTaps, padded);
-        taps = padded;
-        nbrOfTaps = kShortestEstimate;
-    }
     if (estimator == nullptr)
         estimator = std::make_unique<korvotoolbox::CDelayGainEstimator>();
-    const korvotoolbox::SEstimate estimate =
+    // A count beyond int is negative here, and refused as too short.
+    korvotoolbox::SEstimate estimate =
         estimator->estimate(taps, static_cast<int>(nbrOfTaps), kHighBandCentre);
-    // A filter whose estimate fails still loads, with its high band as it came in.
-    const bool done = estimate.status == korvotoolbox::kEstimateDone;
+    // A filter of a few taps is refused, and memory can be out; the filter loads all the same. Its largest tap is then
+    // what comes nearest to it.
+    if (estimate.status != korvotoolbox::kEstimateDone)
+    {
+        const int peak = largestTap(taps, nbrOfTaps);
+        estimate.gain = peak < 0 ? 0.0F : taps[peak];
+        estimate.delay = std::max(peak, 0);
+    }
     const unsigned index = modeIndex(minPhase);
     auto& gains = fs == 96000 ? highBandGain96000 : highBandGain88200;
     auto& delays = fs == 96000 ? highBandDelay96000 : highBandDelay88200;
-    gains[index][currentChannel].store(done ? estimate.gain : 1.0F, std::memory_order_relaxed);
-    delays[index][currentChannel].store(done ? estimate.delay : 0, std::memory_order_relaxed);
+    gains[index][currentChannel].store(estimate.gain, std::memory_order_relaxed);
+    delays[index][currentChannel].store(estimate.delay, std::memory_order_relaxed);
 }
 
 /// The first set of a mode with any tap other than zero decides, at its own rate.
 void CFIIRFilter::noteLatency(unsigned fs, bool minPhase, const float* taps, unsigned nbrOfTaps)
 {
     float& latency = minPhase ? minPhaseLatency : standardLatency;
-    if (!(latency < 0.0F))
-        return;
-    int peakIndex = -1;
-    float peak = 0.0F;
-    for (unsigned i = 0; i < nbrOfTaps; ++i)
-        if (std::fabs(taps[i]) > peak)
-        {
-            peak = std::fabs(taps[i]);
-            peakIndex = static_cast<int>(i);
-        }
-    latency = static_cast<float>(peakIndex) / static_cast<float>(fs) * 1000.0F;
+    if (latency < 0.0F)
+        latency = static_cast<float>(largestTap(taps, nbrOfTaps)) / static_cast<float>(fs) * 1000.0F;
 }
 
 } // namespace korvo::filter
