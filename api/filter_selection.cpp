@@ -59,7 +59,7 @@ int krv_filters_enumerate(krv_handle handle, uint32_t index, char* buffer, uint3
         if (entry == nullptr)
             return KRV_STATUS_NO_MORE_FILTERS;
         if (length != 0)
-            std::strncpy(buffer, entry->name, length); // a name that fills the buffer stays without its end, as told
+            std::strncpy(buffer, entry->name, length); // a name that fills the buffer has no end then
         return KRV_STATUS_OK;
     });
 }

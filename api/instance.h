@@ -55,7 +55,7 @@ inline bool isValid(krv_handle handle)
     return handle != nullptr && handle->validityMark == PROCESSOR_INSTANCE_tag::kValidityMark;
 }
 
-/// Runs the body of an exported call and keeps every exception from the host. Only `new` throws behind this interface.
+/// Runs the body of an exported call and keeps every exception from the host.
 template<typename Body>
 int guarded(int statusOnException, Body&& body) noexcept
 {

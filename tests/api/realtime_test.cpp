@@ -124,7 +124,7 @@ void fill(SBlock& block)
 }
 
 /// Runs `audio` on a thread that the kernel kills at any system call but read, write and exit, with `control` beside
-/// it, and ends the process: with success if the thread has come through.
+/// it, and ends the process: with success if the thread has come through and has not touched the heap.
 template<typename Audio, typename Control>
 [[noreturn]] void runLockedDown(Audio&& audio, Control&& control)
 {
@@ -134,8 +134,11 @@ template<typename Audio, typename Control>
         const pid_t id = gettid();
         prctl(PR_SET_SECCOMP, SECCOMP_MODE_STRICT);
         threadId = id;
+        t_allocations = 0;
+        t_counting = true;
         audio();
-        done = true;
+        t_counting = false;
+        done = t_allocations == 0;
         syscall(SYS_exit, 0); // the thread alone; anything that the C library does to end it would be refused
     });
     while (threadId == 0)
@@ -177,9 +180,11 @@ void exchangeFiltersLockedDown()
 
 } // namespace
 
-TEST(RealTime, AThreadThatDoesMakeASystemCallIsKilled)
+TEST(RealTime, AThreadThatMakesASystemCallOrAllocatesIsFoundOut)
 {
     EXPECT_FALSE(survivesLockedDown([] { getppid(); }));
+    void* volatile none = nullptr; // so that the compiler cannot leave the call out
+    EXPECT_FALSE(survivesLockedDown([&] { free(none); }));
     EXPECT_TRUE(survivesLockedDown([] {}));
 }
 
