@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// Proof that the audio path neither allocates nor enters the kernel. Sanitizers do both behind its back, so that there
-// is nothing to prove under them.
+// Proof that the audio path neither allocates nor enters the kernel, and that creation survives without memory.
+// Sanitizers do both behind its back and have a heap of their own, so that there is nothing to prove under them.
 #include <gtest/gtest.h>
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
@@ -23,11 +23,15 @@ namespace {
 
 thread_local bool t_counting = false;
 thread_local unsigned t_allocations = 0;
+thread_local unsigned t_refusedAllocation = 0; ///< the one that fails while counting, from 1; 0 for none
 
-void noteAllocation()
+/// False for an allocation that is to fail.
+bool noteAllocation()
 {
-    if (t_counting)
-        ++t_allocations;
+    if (!t_counting)
+        return true;
+    ++t_allocations;
+    return t_allocations != t_refusedAllocation;
 }
 
 } // namespace
@@ -43,13 +47,11 @@ void __libc_free(void*);
 
 void* malloc(std::size_t size)
 {
-    noteAllocation();
-    return __libc_malloc(size);
+    return noteAllocation() ? __libc_malloc(size) : nullptr;
 }
 void* calloc(std::size_t count, std::size_t size)
 {
-    noteAllocation();
-    return __libc_calloc(count, size);
+    return noteAllocation() ? __libc_calloc(count, size) : nullptr;
 }
 void* realloc(void* block, std::size_t size)
 {
@@ -207,6 +209,27 @@ TEST(RealTime, ProcessNeitherAllocatesNorEntersTheKernel)
                 EXPECT_EQ(t_allocations, 0U);
                 EXPECT_TRUE(in != out || survivesLockedDown([&] { exerciseAudioPath(processor, block); }));
             }
+}
+
+TEST(Instance, CreationWithoutMemoryGivesNoHandle)
+{
+    int status = KRV_STATUS_OUT_OF_MEMORY;
+    unsigned refused = 0;
+    while (status == KRV_STATUS_OUT_OF_MEMORY)
+    {
+        krv_handle handle = nullptr;
+        t_allocations = 0;
+        t_refusedAllocation = ++refused;
+        t_counting = true;
+        status = krv_create(&handle, 2, 64, KRV_FORMAT_FLOAT32, KRV_FORMAT_FLOAT32);
+        t_counting = false;
+        ASSERT_EQ(handle != nullptr, status == KRV_STATUS_OK) << "at allocation " << refused;
+        if (handle != nullptr)
+            krv_destroy(handle);
+    }
+    t_refusedAllocation = 0;
+    EXPECT_EQ(status, KRV_STATUS_OK);
+    EXPECT_GT(refused, 100U) << "engine, buffers and filters for eight channels take more than that";
 }
 
 TEST(RealTime, FilterExchangeDoesNotEnterTheKernelEither)
