@@ -222,8 +222,8 @@ KORVO_EXPORT int krv_getFilterPath(krv_handle handle, char* buffer, uint32_t len
  *  Threads: control thread, also while audio runs. Real time: no. */
 KORVO_EXPORT int krv_getFilterSamplerates(krv_handle handle, uint32_t* rates, uint32_t capacity) KRV_NOEXCEPT;
 
-/** Lists the channel numbers, from 1, that the filter's channels serve, in the order of the document; entries
- *  beyond the last one read 0.
+/** Lists the channel numbers, from 1, that the filter's channels serve, in the order of the document, up to the
+ *  first one without a number; entries beyond the last one read 0.
  *  @param capacity entries of `routing`; KRV_MAX_CHANNELS always suffices
  *  @return KRV_STATUS_OK, KRV_STATUS_BAD_ARGUMENT (null routing, or more than fit and what fits is there),
  *          KRV_STATUS_BAD_HANDLE, KRV_STATUS_NO_FILTER_SET
