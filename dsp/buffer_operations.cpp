@@ -274,7 +274,9 @@ bool AbsMax(const float* data, unsigned count, float threshold)
 
 void Interleave(const float* const* channels, float* out, unsigned frames, unsigned numChannels)
 {
-    std::size_t f = numChannels == 2 ? interleaveStereo(channels[0], channels[1], out, frames) : 0;
+    std::size_t f = 0;
+    if (numChannels == 2 && frames > 0)
+        f = interleaveStereo(channels[0], channels[1], out, frames);
     for (; f + 4 <= frames; f += 4)
         interleaveFour(channels, out, f, numChannels);
     for (; f < frames; ++f)
@@ -284,7 +286,9 @@ void Interleave(const float* const* channels, float* out, unsigned frames, unsig
 
 void Deinterleave(const float* in, float** channels, unsigned frames, unsigned numChannels)
 {
-    std::size_t f = numChannels == 2 ? deinterleaveStereo(in, channels[0], channels[1], frames) : 0;
+    std::size_t f = 0;
+    if (numChannels == 2 && frames > 0)
+        f = deinterleaveStereo(in, channels[0], channels[1], frames);
     for (; f + 4 <= frames; f += 4)
         deinterleaveFour(in, channels, f, numChannels);
     for (; f < frames; ++f)

@@ -233,12 +233,12 @@ bool shiftArray(float* data, int length, int shift)
 {
     if (data == nullptr || length <= 1 || shift >= length || shift <= -length)
         return false;
-    if (shift >= 0)
+    if (shift > 0)
     {
         std::move_backward(data, data + (length - shift), data + length);
         std::fill_n(data, shift, 0.0F);
     }
-    else
+    else if (shift < 0)
     {
         std::move(data - shift, data + length, data);
         std::fill_n(data + (length + shift), -shift, 0.0F);

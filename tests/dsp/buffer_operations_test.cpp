@@ -181,6 +181,9 @@ TEST(BufferOperations, LayoutsTurnIntoEachOther)
             ASSERT_TRUE(block.intact());
         }
     }
+    // Without frames there need not be any channels.
+    korvodsp::Interleave(nullptr, nullptr, 0, 2);
+    korvodsp::Deinterleave(nullptr, nullptr, 0, 2);
 }
 
 TEST(BufferOperations, FadesFollowTheRecurrenceInTheirChannelOnly)
