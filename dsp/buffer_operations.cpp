@@ -9,8 +9,9 @@
 
 #include "dsp/fade.h"
 
-// The vector paths give the bits of the plain loops: they do the same operations on each sample, and a
-// maximum does not depend on its order. So they run on buffers of any alignment.
+// No result depends on the alignment of a buffer, so the vector paths run at any: a gain is one product per
+// sample either way, and a maximum does not depend on its order. Only Saturate() calculates otherwise in a
+// vector, and there the place of a sample in its buffer decides, and nothing else.
 
 namespace korvodsp {
 

@@ -18,8 +18,8 @@ public:
     CFMeasurer(const CFMeasurer&) = delete;
     CFMeasurer& operator=(const CFMeasurer&) = delete;
 
-    /// Starts over with silence and a window of `length` samples. If memory is out, the measurer is as after
-    /// reset(0).
+    /// Starts over with silence and a window of `length` samples. If memory is out, which a window of 2^29
+    /// samples or more counts as, the measurer is as after reset(0).
     void reset(unsigned length);
 
     /// Feeds `count` samples and updates the readings, also at `count` 0. Does nothing without a window.
