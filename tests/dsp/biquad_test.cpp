@@ -47,8 +47,8 @@ TEST(Biquad, StoresItsRecordInTheDocumentedOrder)
     void* section = owner.get();
     EXPECT_EQ(recordOf(section), (std::array{4.0F, 5.0F, 1.0F, 2.0F, 3.0F, 0.0F, 0.0F, 1e-20F}));
 
-    float sample = 1.0F;
-    korvodsp::BQ_Process(section, &sample, 1);
+    float samples[] = {1.0F, 1.0F};
+    korvodsp::BQ_Process(section, samples, 2);
     const std::array<float, 8> run = recordOf(section);
     korvodsp::BQ_SetCoeffsRaw(section, 2.0F, 4.0F, 6.0F, -4.0F, 8.0F, 10.0F);
     EXPECT_EQ(recordOf(section), (std::array{-2.0F, -2.5F, -0.5F, -1.0F, -1.5F, run[5], run[6], -1e-20F}))

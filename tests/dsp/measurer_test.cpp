@@ -51,7 +51,7 @@ TEST(Measurer, IgnoresSamplesWithoutAWindow)
     for (const unsigned length : {0U, std::numeric_limits<unsigned>::max()})
     {
         CFMeasurer meter(32);
-        meter.process(loud.data(), 64);
+        meter.process(loud.data(), 50);
         EXPECT_EQ(meter.getCurrentRMS(), 1.0F);
         meter.reset(length);
         meter.process(loud.data(), 64);
@@ -59,9 +59,20 @@ TEST(Measurer, IgnoresSamplesWithoutAWindow)
         EXPECT_EQ(meter.getCurrentPeak(), 0.0F);
         EXPECT_EQ(meter.getCurrentCrestFactor(), 1000.0F);
         meter.reset(32);
-        meter.process(loud.data(), 64);
+        meter.process(loud.data(), 50);
         EXPECT_EQ(meter.getCurrentPeak(), 1.0F) << "a new window starts it again";
+        meter.reset(8);
+        meter.process(loud.data(), 4);
+        EXPECT_EQ(meter.getCurrentRMS(), std::sqrt(0.5F)) << "and a shorter one from its first slot";
     }
+}
+
+TEST(Measurer, TakesAnOldSquareOffBeforeItAddsTheNewOne)
+{
+    const float samples[] = {1e10F, 0.5F};
+    CFMeasurer meter(1);
+    meter.process(samples, 2);
+    EXPECT_EQ(meter.getCurrentRMS(), 0.5F);
 }
 
 } // namespace

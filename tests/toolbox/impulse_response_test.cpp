@@ -123,7 +123,8 @@ TEST(ImpulseSearch, FindsTheStartByTwoThresholds)
     const SCase cases[] = {
         {{1.0F, 0.5F, 0.0F}, 0, "the peak comes first"},
         {{0.0F, 0.0F, 0.02F, 0.03F, -0.08F, 1.0F}, 1, "last below 1% before 7%"},
-        {{0.0F, 0.02F, 0.0F, 0.05F, 0.0699F, -1.0F}, 2, "7% is not yet reached below it"},
+        {{0.02F, 0.0699F, 0.0F, 0.5F, -1.0F}, 2, "7% is not yet reached below it"},
+        {{0.0F, 0.01F, 0.5F, -1.0F}, 0, "1% is not below it"},
         {{0.02F, 0.02F, 0.5F, 1.0F}, 2, "nothing below 1%"},
         {{0.0F, 0.0F, 0.0F, 0.0F}, 0, "silence"},
         {{0.0F, 0.0F, 0.08F, 0.001F, -1.0F}, 1, "an early reflection above 7%"},
@@ -230,6 +231,11 @@ TEST(ImpulseTruncation, CutsAtTheStartAndPaddingGivesTheResponseBack)
         padded.insert(padded.end(), cut.data, cut.data + cut.length);
         EXPECT_EQ(padded, samples) << "what stays is not filtered";
     }
+    // A response that breaks off: where the same filters have its start in double precision, each pass
+    // beginning at rest.
+    SResponse broken(std::vector<float>(2000, 1.0F));
+    ASSERT_EQ(truncate(true, broken, 0.5F, 0.0F), 0);
+    EXPECT_NEAR(broken.removed, 41, 1);
     for (const auto& [level, shift] : {std::pair{0.5F, 1000 - 96}, {0.7F, 4000 - 96}})
     {
         std::vector<float> shifted = samples;
