@@ -23,20 +23,27 @@ void processDirect(PROCESSOR_INSTANCE_tag& instance, unsigned frames, unsigned c
     instance.engine->process(false, instance.inputBuffer, instance.inputBuffer, frames, c, channels, retired);
 }
 
+/// Without an active filter the engine passes the low band on as it is, with no channel gain or delay, and so does this
+/// with the high band.
+SHighBand highBandOf(const PROCESSOR_INSTANCE_tag& instance, unsigned c)
+{
+    if (instance.filterSet->getOperatingMode() == filter::CFIIRFilter::kModeNone)
+        return {1.0F, 0};
+    const korvodsp::CFilteringEngine& engine = *instance.engine;
+    const auto highBand = instance.filterSet->getHighBand(instance.internalRate, c);
+    return highBandFor({highBand.gain, highBand.delay, engine.isDelayAndGainEnabled(), engine.getChannelGain(c),
+                        engine.getChannelDelay(c)},
+                       instance.internalRate, instance.highPassFilters[c].ratio);
+}
+
 void processTwoBands(PROCESSOR_INSTANCE_tag& instance, unsigned frames, unsigned c, unsigned channels, void** retired)
 {
-    korvodsp::CFilteringEngine& engine = *instance.engine;
-    const auto filter = instance.filterSet->getHighBand(instance.internalRate, c);
-    const SHighBandSettings settings = {filter.gain, filter.delay, engine.isDelayAndGainEnabled(),
-                                        engine.getChannelGain(c), engine.getChannelDelay(c)};
     const SHighRateBlock block = {
         instance.inputBuffer, instance.decimatedBuffer, instance.highBandBuffer, frames, c, channels};
     float* const lowBand = instance.decimatedBuffer;
-    processHighRate(highRateChannel(instance, c), block,
-                    highBandFor(settings, instance.internalRate, instance.highPassFilters[c].ratio),
-                    [&](unsigned lowFrames) {
-                        engine.process(false, lowBand, lowBand, lowFrames, c, channels, retired);
-                    });
+    processHighRate(highRateChannel(instance, c), block, highBandOf(instance, c), [&](unsigned lowFrames) {
+        instance.engine->process(false, lowBand, lowBand, lowFrames, c, channels, retired);
+    });
 }
 
 int writeOutput(const PROCESSOR_INSTANCE_tag& instance, void* output, unsigned samples)

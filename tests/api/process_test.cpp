@@ -143,6 +143,22 @@ TEST(Process, AHighRateNeedsTwoBandsThatLineUp)
     }
 }
 
+TEST(Process, BothBandsPassUnchangedWhileNoFilterIsActive)
+{
+    CProcessor processor(1, 256);
+    ASSERT_EQ(processor.load(korvotest::sameChannels(1, {SSet{96000}, SSet{192000}})), KRV_STATUS_OK);
+    ASSERT_EQ(krv_setSamplerate(processor, 192000), KRV_STATUS_OK);
+    krv_setChannelGain(processor, 0, 0.25F);
+    krv_setChannelDelay(processor, 0, 1.0F);
+    processor.unload();
+    processor.settle(1, 256);
+    std::vector<float> impulse(512, 0.0F);
+    impulse[0] = 1.0F;
+    const std::vector<float> output = run(processor, impulse, 256, 1, 0);
+    EXPECT_EQ(std::max_element(output.begin(), output.end()) - output.begin(), 42);
+    EXPECT_GT(output[42], 0.73F) << "the high band's share alone";
+}
+
 TEST(Process, AToneKeepsItsLevelAcrossTheCrossover)
 {
     for (const double frequency : {1000.0, 10000.0, 16000.0, 40000.0, 60000.0})

@@ -57,7 +57,6 @@ public:
             process(silence, channels);
     }
 
-private:
     /// Takes the filter out while audio runs: without that, destruction waits a second for an audio thread that does
     /// not come.
     void unload()
@@ -74,6 +73,7 @@ private:
         audio.join();
     }
 
+private:
     krv_handle m_handle = nullptr;
     unsigned m_channels = 0;
     CTempFolder m_folder;
