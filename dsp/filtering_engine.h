@@ -145,7 +145,6 @@ private:
     void runFilter(SDspFilter& dsp, void* filter, bool wanted, const SBlock& block);
     static void exchange(SFilterSlot& slot, const SSlotSnapshot& snapshot, void** retired);
 
-    std::atomic<std::uint32_t> passes = 0;
     std::uint32_t numChannels;
     float* processBuffer =
         nullptr; ///< aligned; interleaved as the block is, holds the filtered signal during a fade
@@ -160,6 +159,7 @@ private:
     std::atomic<bool> delayAndGainEnabled = true;
     std::vector<SDspFilter> filters;
     std::atomic<float> overallGain = 1.0F;
+    std::atomic<std::uint32_t> passes = 0; ///< see passCount(); written by the audio thread
 };
 
 } // namespace korvodsp
