@@ -82,6 +82,11 @@ struct SPlainChannel
         if (filter == current || filter == pending)
             return;
         pending = filter;
+        reset();
+    }
+
+    void reset()
+    {
         past.clear();
         appliedGain = gain;
         korvodsp::FIIR_Reset(current);
@@ -168,6 +173,14 @@ void comparePlain(std::mt19937& random, unsigned channel)
             const bool some = draw(4) != 0;
             engine.setFilterForChannel(draw(2) * kRate, channel, some ? filters[i].get() : none);
             plain.setFilter(some ? filters[i + 2].get() : none);
+        }
+        if (draw(40) == 0) {
+            engine.removeAllFiltersHard();
+            plain.current = plain.pending = nullptr;
+        }
+        if (draw(40) == 0) {
+            ASSERT_TRUE(engine.init(kRate, kMaxFrames, 8, kMaxDelay));
+            plain.reset();
         }
         engine.enable(draw(6) != 0);
         const bool bypass = draw(10) == 0;

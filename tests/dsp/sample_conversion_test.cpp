@@ -11,6 +11,8 @@
 #include <limits>
 #include <string>
 
+#include <sys/mman.h>
+#include <unistd.h>
 #include <xmmintrin.h>
 
 #include "dsp/sample_conversion_blocks.h"
@@ -263,6 +265,26 @@ TEST(SampleConversion, WritesEveryShapeAsThePlainModel)
         ASSERT_EQ(clipped, shouldClip) << conversions.name << ' ' << format.name << ' ' << count;
         ASSERT_TRUE(dst.intact() && src.intact()) << conversions.name << ' ' << format.name << ' ' << count;
     });
+}
+
+TEST(SampleConversion, ReadsNothingBehindTheSource)
+{
+    // Sources end where a page begins that nobody may touch.
+    const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    void* const pages = mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(pages, MAP_FAILED);
+    unsigned char* const end = static_cast<unsigned char*>(pages) + page;
+    ASSERT_EQ(mprotect(end, page, PROT_NONE), 0);
+    std::vector<float> floats(40);
+    bytes_t integers(40 * 4);
+    for (const SConversions& conversions : allConversions())
+        for (const SFormat& format : kFormats)
+            for (unsigned count = 0; count <= 40; ++count) {
+                EXPECT_TRUE(conversions.read(format, end - count * format.size, floats.data(), count));
+                const auto* source = reinterpret_cast<const float*>(end - count * sizeof(float));
+                EXPECT_FALSE(conversions.write(format, source, integers.data(), count));
+            }
+    munmap(pages, 2 * page);
 }
 
 TEST(SampleConversion, WritesKnownValues)
