@@ -90,12 +90,18 @@ TEST(MultirateFilter, IsPreparedForItsRow)
     } const rows[] = {{0, 44, 24, 84}, {1, 84, 44, 164}};
     for (const auto& row : rows) {
         SChannel channel(1);
+        floats_t block(512, 1.0F), low(512), high(512);
+        const SHighRateBlock blocks{block.data(), low.data(), high.data(), 512, 0, 1};
+        processHighRate(channel.parts(), blocks, {1.0F, 300}, [](uint32_t) {});
         ASSERT_TRUE(prepareChannel(channel.parts(), row.row)); // again: what was there is replaced
         EXPECT_EQ(channel.decimator.paddedLength, row.decimator);
         EXPECT_EQ(channel.interpolator.paddedLength, row.interpolator);
         EXPECT_EQ(channel.highPass.paddedLength, row.highPass);
         EXPECT_NE(channel.interpolator.banks[15], nullptr); // stays for the next change of rate
         EXPECT_EQ(channel.decimator.banks[4], nullptr);
+        block.assign(512, 0.0F);
+        processHighRate(channel.parts(), blocks, {1.0F, 300}, [](uint32_t) {});
+        EXPECT_EQ(block, floats_t(512)) << "something of the other row is left";
     }
     // Phase 1 of ratio 4 reads on behind its table, as far as the centre of the other ratio's high-pass.
     EXPECT_EQ(SChannel(1).interpolator.banks[4][32], 0.731328905F);

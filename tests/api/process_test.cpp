@@ -198,3 +198,19 @@ TEST(Process, DelaysAndGainsThatMakeNoSenseStayInsideTheBuffers)
         }
     }
 }
+
+TEST(Process, AChannelIsDelayedByATenthOfASecondAtMost)
+{
+    for (const unsigned rate : {44100U, 96000U})
+    {
+        CProcessor processor(1, 4096);
+        ASSERT_EQ(processor.load(korvotest::sameChannels(1, {SSet{rate}})), KRV_STATUS_OK);
+        ASSERT_EQ(krv_setSamplerate(processor, rate), KRV_STATUS_OK);
+        krv_setChannelDelay(processor, 0, 250.0F);
+        processor.settle(1, 4096);
+        std::vector<float> impulse(16384, 0.0F);
+        impulse[0] = 1.0F;
+        const std::vector<float> output = run(processor, impulse, 4096, 1, 0);
+        EXPECT_EQ(output[rate / 10], 1.0F) << rate;
+    }
+}
