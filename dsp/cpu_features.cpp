@@ -41,7 +41,8 @@ ssp_cpu_features ssp_get_cpuid()
     features.flags[ssp_feature_ssse3] = bit(basic.ecx, 8);
     features.flags[ssp_feature_sse4_1] = bit(basic.ecx, 18);
     features.flags[ssp_feature_sse4_2] = bit(basic.ecx, 19);
-    if (highestLeaf >= 1 && highestLeaf <= 0x7FFFFFFFU) {
+    if (highestLeaf >= 1 && highestLeaf <= 0x7FFFFFFFU)
+    {
         // Read from leaf 1 and not from the extended leaf, where these two features are reported. This is
         // meant.
         features.flags[ssp_feature_sse4a] = bit(basic.ecx, 6);

@@ -11,6 +11,7 @@
 #include "dsp/aligned_memory.h"
 #include "dsp/cpu_features.h"
 #include "dsp/fiir_kernels.h"
+#include "dsp/kernel_variants.h"
 
 namespace korvodsp {
 
@@ -26,11 +27,12 @@ FIIR_FILTER_tag& filterOf(void* handle)
 
 FiirKernel kernelOf(EInit kind)
 {
-    switch (kind) {
+    switch (kind)
+    {
     case kInitAuto:
-        return ssp_is_supported(ssp_feature_sse) ? FIIR_SSE : FIIR_Ref;
+        return ssp_is_supported(ssp_feature_sse) ? kernelVariant().fiir : FIIR_Ref;
     case kInitSSE:
-        return FIIR_SSE;
+        return kernelVariant().fiir;
     case kInitReference:
         return FIIR_Ref;
     case kInitBaseReference:
@@ -54,7 +56,8 @@ std::size_t ringLength(const FIIR_FILTER_tag& filter)
 
 void freeTapsAndRing(FIIR_FILTER_tag& filter)
 {
-    for (float*& copy : filter.firCoefs) {
+    for (float*& copy : filter.firCoefs)
+    {
         alignedFree(copy);
         copy = nullptr;
     }
@@ -75,8 +78,10 @@ void buildTapsAndRing(FIIR_FILTER_tag& filter, const float* taps)
     const std::size_t padded = filter.paddedTaps;
     for (float*& copy : filter.firCoefs)
         copy = allocFloats(2 * padded);
-    for (std::size_t k = 0; k < std::size(filter.firCoefs); ++k) {
-        for (std::size_t i = 0; i < filter.numTaps; ++i) {
+    for (std::size_t k = 0; k < std::size(filter.firCoefs); ++k)
+    {
+        for (std::size_t i = 0; i < filter.numTaps; ++i)
+        {
             const std::size_t rotated = (i + k) % padded;
             filter.firCoefs[k][rotated] = taps[i];
             filter.firCoefs[k][rotated + padded] = taps[i];
@@ -116,7 +121,8 @@ unsigned scanSections(void* handle, int (*scan)(void*, const char*, ...), void* 
 {
     unsigned discarded = 0;
     float coefs[kCoefsPerSection] = {};
-    while (scan(stream, "%f", &coefs[0]) >= 1) {
+    while (scan(stream, "%f", &coefs[0]) >= 1)
+    {
         for (unsigned i = 1; i < kCoefsPerSection; ++i)
             scan(stream, "%f", &coefs[i]);
         if (!FIIR_AddBQSection(handle, coefs))
@@ -150,14 +156,17 @@ bool FIIR_InitRaw(EInit kind, void** handle)
 bool FIIR_SetFIRCoefficients(void* handle, const float* taps, unsigned count)
 {
     FIIR_FILTER_tag& filter = filterOf(handle);
-    try {
+    try
+    {
         freeTapsAndRing(filter);
         filter.numTaps = count;
         filter.paddedTaps = (count + 3) & ~3U; // 0 for the three counts that overflow it, and 0 is refused
         filter.tapPadding = filter.paddedTaps - count;
         buildTapsAndRing(filter, taps);
         return true;
-    } catch (const std::bad_alloc&) {
+    }
+    catch (const std::bad_alloc&)
+    {
         freeTapsAndRing(filter);
         freeSections(filter);
         filter = FIIR_FILTER_tag{};
@@ -212,7 +221,8 @@ bool FIIR_CookBQSections(void* handle)
     alignedFree(filter.cookedSections);
     filter.cookedSections = static_cast<float*>(cooked);
     std::uint32_t lanes = 0;
-    for (std::uint32_t s = 0; s < filter.numSections; ++s) {
+    for (std::uint32_t s = 0; s < filter.numSections; ++s)
+    {
         if (!isAllZero(filter.sections[s]))
             cook(filter.sections[s], filter.cookedSections, lanes++);
     }

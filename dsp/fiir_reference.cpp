@@ -22,7 +22,8 @@ float firSumDownwards(const FIIR_FILTER_tag& filter)
 
 float addDirectFormTwo(const FIIR_FILTER_tag& filter, float delayed, float sum)
 {
-    for (std::uint32_t s = 0; s < filter.numSections; ++s) {
+    for (std::uint32_t s = 0; s < filter.numSections; ++s)
+    {
         FIIR_SECTION_tag& section = filter.sections[s];
         const float w =
             ((delayed - section.state1 * section.a1) - section.a2 * section.state2) + filter.denormalBias;
@@ -36,7 +37,8 @@ float addDirectFormTwo(const FIIR_FILTER_tag& filter, float delayed, float sum)
 
 float addDirectFormOne(const FIIR_FILTER_tag& filter, float delayed, float sum)
 {
-    for (std::uint32_t s = 0; s < filter.numSections; ++s) {
+    for (std::uint32_t s = 0; s < filter.numSections; ++s)
+    {
         FIIR_SECTION_tag& section = filter.sections[s];
         const float forward = delayed * section.b0 + section.b1 * filter.prevInput;
         const float y =
@@ -54,7 +56,8 @@ void FIIR_Ref(void* handle, const float* in, float* out, unsigned frames, unsign
 {
     FIIR_FILTER_tag& filter = *static_cast<FIIR_FILTER_tag*>(handle);
     const std::uint32_t length = filter.paddedTaps;
-    for (unsigned i = 0; i < frames; ++i) {
+    for (unsigned i = 0; i < frames; ++i)
+    {
         const std::size_t at = std::size_t{i} * stride + channel;
         const std::uint32_t position = filter.delayPos;
         // With no padding this is the slot that the new sample overwrites.
@@ -74,12 +77,14 @@ void FIIR_KorvoBaseReference(void* handle, const float* in, float* out, unsigned
 {
     FIIR_FILTER_tag& filter = *static_cast<FIIR_FILTER_tag*>(handle);
     const std::uint32_t taps = filter.numTaps;
-    for (unsigned i = 0; i < frames; ++i) {
+    for (unsigned i = 0; i < frames; ++i)
+    {
         const std::size_t at = std::size_t{i} * stride + channel;
         std::uint32_t position = filter.delayPos;
         filter.delayLine[position] = in[at];
         float fir = 0.0F;
-        for (std::uint32_t tap = 0; tap < taps; ++tap) {
+        for (std::uint32_t tap = 0; tap < taps; ++tap)
+        {
             fir += filter.firCoefs[0][tap] * filter.delayLine[position];
             position = position == 0 ? taps : position - 1;
         }

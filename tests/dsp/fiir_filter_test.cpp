@@ -36,17 +36,21 @@ SExact exactFilter(const std::vector<float>& taps, const std::vector<float>& sec
 {
     SExact exact{std::vector<double>(x.size()), std::vector<double>(x.size())};
     const auto at = [&](std::size_t t, std::size_t delay) { return t >= delay ? double{x[t - delay]} : 0.0; };
-    for (std::size_t t = 0; t < x.size(); ++t) {
-        for (std::size_t k = 0; k < taps.size(); ++k) {
+    for (std::size_t t = 0; t < x.size(); ++t)
+    {
+        for (std::size_t k = 0; k < taps.size(); ++k)
+        {
             exact.output[t] += double{taps[k]} * at(t, k);
             exact.magnitude[t] += std::abs(double{taps[k]} * at(t, k));
         }
     }
-    for (std::size_t s = 0; s < sections.size(); s += 4) {
+    for (std::size_t s = 0; s < sections.size(); s += 4)
+    {
         double y1 = 0.0;
         double y2 = 0.0;
         double peak = 0.0;
-        for (std::size_t t = 0; t < x.size(); ++t) {
+        for (std::size_t t = 0; t < x.size(); ++t)
+        {
             const double y = double{sections[s + 2]} * at(t, taps.size()) +
                              double{sections[s + 3]} * at(t, taps.size() + 1) - double{sections[s]} * y1 -
                              double{sections[s + 1]} * y2;
@@ -68,8 +72,10 @@ class FiirKernels : public testing::TestWithParam<EInit>
 TEST_P(FiirKernels, RealiseTheFilterOfTheDefinition)
 {
     auto random = korvotest::makeRandom(31);
-    for (const unsigned taps : {1U, 3U, 4U, 5U, 15U, 16U, 17U, 61U, 253U}) {
-        for (const unsigned sections : {0U, 1U, 5U}) {
+    for (const unsigned taps : {1U, 3U, 4U, 5U, 15U, 16U, 17U, 61U, 253U})
+    {
+        for (const unsigned sections : {0U, 1U, 5U})
+        {
             const std::vector<float> h = korvotest::makeNoise(random, taps);
             const std::vector<float> coefs = korvotest::makeSections(random, sections);
             const std::vector<float> x = korvotest::makeNoise(random, 3 * taps + 70);
@@ -102,7 +108,8 @@ TEST_P(FiirKernels, GiveTheSameBitsInPlaceInPiecesAndAcrossAStride)
     for (std::size_t i = 0; i < 3 * x.size(); ++i)
         block.set(i, i % 3 == 1 ? x[i / 3] : 7.0F);
     std::size_t from = 0;
-    for (const unsigned frames : calls) {
+    for (const unsigned frames : calls)
+    {
         FIIR_Process(apart.get(), x.data() + from, expected.data() + from, frames);
         FIIR_Process(strided.get(), block.data() + 3 * from, block.data() + 3 * from, frames, 1, 3);
         from += frames;
@@ -179,7 +186,8 @@ TEST(FiirFilter, KeepsRotatedCopiesOfTheTapsTwiceInARow)
                                                     {0, 1, 2, 3, 4, 5, 0, 0},
                                                     {0, 0, 1, 2, 3, 4, 5, 0},
                                                     {0, 0, 0, 1, 2, 3, 4, 5}};
-    for (std::size_t k = 0; k < 4; ++k) {
+    for (std::size_t k = 0; k < 4; ++k)
+    {
         const float* copy = fields.firCoefs[k];
         EXPECT_EQ(reinterpret_cast<std::uintptr_t>(copy) % 16, 0U);
         EXPECT_EQ(std::vector<float>(copy, copy + 8), copies[k]);
@@ -225,7 +233,8 @@ TEST(FiirFilter, LeavesThePreviousInputAloneWithoutSections)
 TEST(FiirFilter, IsWipedByACountOfTapsThatCannotBeHad)
 {
     const float tap = 1.0F;
-    for (const unsigned count : {0U, 0xFFFFFFFFU, 0xFFFFFFFDU, 0xFFFFFFFCU, 1U << 28, 1U << 31}) {
+    for (const unsigned count : {0U, 0xFFFFFFFFU, 0xFFFFFFFDU, 0xFFFFFFFCU, 1U << 28, 1U << 31})
+    {
         void* handle = nullptr;
         ASSERT_TRUE(FIIR_InitRaw(kInitAuto, &handle));
         EXPECT_TRUE(FIIR_IsHandleValid(handle));
@@ -278,7 +287,8 @@ TEST(FiirText, IsRefusedWithoutTapsAndLeavesTheHandleAlone)
 {
     const korvotest::CTempFolder folder;
     int marker = 0;
-    for (const std::string text : {"", "0", "0 1 2 3 4", "x", "-1 1 2", "4294967295", "2147483648 1"}) {
+    for (const std::string text : {"", "0", "0 1 2 3 4", "x", "-1 1 2", "4294967295", "2147483648 1"})
+    {
         void* handle = &marker;
         EXPECT_FALSE(FIIR_InitWithFile(kInitAuto, &handle, folder.write("f", text).c_str())) << text;
         EXPECT_EQ(handle, &marker) << text;
@@ -290,7 +300,8 @@ TEST(FiirText, IsRefusedWithoutTapsAndLeavesTheHandleAlone)
 
 TEST(AlignedMemory, IsAlignedZeroedAndRefusesAbsurdSizes)
 {
-    for (const std::size_t bytes : {1U, 15U, 16U, 4097U}) {
+    for (const std::size_t bytes : {1U, 15U, 16U, 4097U})
+    {
         auto* memory = static_cast<unsigned char*>(alignedAllocZeroed(bytes));
         ASSERT_NE(memory, nullptr);
         EXPECT_EQ(reinterpret_cast<std::uintptr_t>(memory) % kMemoryAlignment, 0U);

@@ -37,7 +37,8 @@ inline std::vector<float> makeSections(std::mt19937& random, unsigned count)
     std::uniform_real_distribution<double> angle(0.0, 3.14159);
     std::uniform_real_distribution<double> gain(-0.5, 0.5);
     std::vector<float> coefs;
-    for (unsigned s = 0; s < count; ++s) {
+    for (unsigned s = 0; s < count; ++s)
+    {
         const double r = radius(random);
         for (const double c : {-2.0 * r * std::cos(angle(random)), r * r, gain(random), gain(random)})
             coefs.push_back(static_cast<float>(c));

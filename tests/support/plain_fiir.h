@@ -30,7 +30,8 @@ inline float plainDot(const float* ring, const float* table, std::uint32_t lengt
     __m128 a2 = _mm_setzero_ps();
     __m128 a3 = _mm_setzero_ps();
     std::uint32_t j = 0;
-    for (; j < (length & ~15U); j += 16) {
+    for (; j < (length & ~15U); j += 16)
+    {
         a0 = _mm_add_ps(a0, _mm_mul_ps(_mm_load_ps(ring + j), _mm_load_ps(table + j)));
         a1 = _mm_add_ps(a1, _mm_mul_ps(_mm_load_ps(ring + j + 4), _mm_load_ps(table + j + 4)));
         a2 = _mm_add_ps(a2, _mm_mul_ps(_mm_load_ps(ring + j + 8), _mm_load_ps(table + j + 8)));
@@ -47,7 +48,8 @@ inline float plainSections(korvodsp::FIIR_FILTER_tag& filter, float delayed)
     const __m128 previous = _mm_set1_ps(filter.prevInput);
     __m128 sum = _mm_setzero_ps();
     float* group = filter.cookedSections;
-    for (std::uint32_t g = 0; g < filter.numCookedGroups; ++g, group += korvodsp::kFloatsPerGroup) {
+    for (std::uint32_t g = 0; g < filter.numCookedGroups; ++g, group += korvodsp::kFloatsPerGroup)
+    {
         const __m128 y1 = _mm_load_ps(group + 16);
         const __m128 y2 = _mm_load_ps(group + 20);
         const __m128 forward =
@@ -68,7 +70,8 @@ inline void plainFiir(void* handle, const float* in, float* out, unsigned frames
 {
     korvodsp::FIIR_FILTER_tag& filter = *static_cast<korvodsp::FIIR_FILTER_tag*>(handle);
     const std::uint32_t length = filter.paddedTaps;
-    for (unsigned i = 0; i < frames; ++i) {
+    for (unsigned i = 0; i < frames; ++i)
+    {
         const std::size_t at = std::size_t{i} * stride + channel;
         const std::uint32_t position = filter.delayPos;
         const float delayed = filter.delayLine[(length + position - filter.tapPadding) % length];
