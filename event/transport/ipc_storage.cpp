@@ -1,0 +1,111 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "event/transport/ipc_storage.h"
+
+#include <cstddef>
+#include <cstdio>
+
+#include "event/transport/message_ring.h"
+#include "event/transport/virt_mem.h"
+
+namespace event::transport {
+
+namespace {
+
+/// What both processes see at the beginning of the shared object; the data area follows.
+struct SRingHeader
+{
+    std::uint32_t head; // bytes ever written, by the client
+    std::uint32_t tail; // bytes ever consumed, by the server
+};
+static_assert(offsetof(SRingHeader, head) == 0 && offsetof(SRingHeader, tail) == 4 &&
+                  sizeof(SRingHeader) == 8,
+              "wire format between processes that need not be of one build");
+
+constexpr std::uint32_t kRingHeaderBytes = sizeof(SRingHeader);
+
+} // namespace
+
+IpcStorage::IpcStorage(unsigned int bytes, const char* ringName, bool client)
+    : name{}
+    , owner(!client)
+    , size(bytes)
+    , mask(bytes - 1)
+    , handle(VirtMem::INVALID_NATIVE_HANDLE)
+    , base(nullptr)
+    , data(nullptr)
+    , head(nullptr)
+    , tail(nullptr)
+{
+    void* memory = VirtMem::alloc(size + kRingHeaderBytes, ringName,
+                                  client ? VirtMem::kOpenExisting : VirtMem::kOpenCreate,
+                                  VirtMem::kProtReadWrite, true, handle);
+    if (ringName != nullptr)
+        std::snprintf(name, sizeof(name), "/%s", ringName);
+    if (memory == nullptr)
+        return;
+    base = static_cast<unsigned char*>(memory);
+    data = base + kRingHeaderBytes;
+    head = reinterpret_cast<std::uint32_t*>(base + offsetof(SRingHeader, head));
+    tail = reinterpret_cast<std::uint32_t*>(base + offsetof(SRingHeader, tail));
+    if (handle != VirtMem::INVALID_NATIVE_HANDLE && owner) {
+        VirtMem::lock(base, size + kRingHeaderBytes); // a ring that could not be pinned still works
+        // Clients of an earlier server may be attached: each of these pairs with others() on their side.
+        ring::publish(*tail, 0);
+        ring::publish(*head, 0);
+    }
+}
+
+IpcStorage::~IpcStorage()
+{
+    cleanup();
+}
+
+void IpcStorage::cleanup()
+{
+    if (base != nullptr) {
+        // Meant: without the header's 8 bytes. The page that they reach into stays mapped until the process
+        // ends.
+        VirtMem::unmap(base, size);
+        base = nullptr;
+    }
+    if (handle != VirtMem::INVALID_NATIVE_HANDLE) {
+        VirtMem::close(handle);
+        handle = VirtMem::INVALID_NATIVE_HANDLE;
+        if (owner)
+            VirtMem::unlink(name);
+    }
+}
+
+bool IpcStorage::checkInvariant() const
+{
+    return base != nullptr && handle != VirtMem::INVALID_NATIVE_HANDLE && (size & 0xFFF) == 0 &&
+           ring::others(*head) % ring::kSlotAlignment == 0 && ring::others(*tail) % ring::kSlotAlignment == 0;
+}
+
+unsigned int IpcStorage::usedBytes() const
+{
+    return ring::others(*head) -
+           ring::others(*tail); // acquire: either side may ask, and goes on to use what it finds
+}
+
+void* IpcStorage::allocMsgMem(unsigned int payloadBytes)
+{
+    return ring::allocMsgMem({*head, *tail, data, size, mask}, payloadBytes);
+}
+
+void IpcStorage::post(void* message)
+{
+    ring::post({*head, *tail, data, size, mask}, message);
+}
+
+void* IpcStorage::nextMessage() const
+{
+    return ring::nextMessage({*head, *tail, data, size, mask});
+}
+
+void IpcStorage::advanceToNext()
+{
+    ring::advanceToNext({*head, *tail, data, size, mask});
+}
+
+} // namespace event::transport

@@ -1,0 +1,56 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#pragma once
+
+#include <cstdint>
+
+#include "korvo_export.h"
+
+namespace event::transport {
+
+/// A ring of messages between two threads: one writes, one reads, and neither waits, locks or allocates. Wake
+/// the reader with an Event, or let it poll.
+class KORVO_EXPORT LocalStorage
+{
+public:
+    /** @param bytes of the data area; a power of two below 2^31, at least 8. 4096 is usual. */
+    explicit LocalStorage(unsigned int bytes);
+    ~LocalStorage();
+    LocalStorage(const LocalStorage&) = delete;
+    LocalStorage& operator=(const LocalStorage&) = delete;
+
+    /** Whether the ring can be used. Threads: any. */
+    bool good() const { return checkInvariant(); }
+    bool checkInvariant() const;
+    /** Bytes of the data area. Threads: any. */
+    unsigned int sizeBytes() const { return size; }
+    /** Bytes taken, with headers, padding and what was skipped at the end of the area. Threads: writer,
+     * reader. */
+    unsigned int usedBytes() const;
+
+    /** A slot for payloadBytes, aligned to 8 and not cleared; null if the ring is too full. Not seen by the
+     * reader before post(); without a post() the next call gives the same slot. Threads: the writer. Real
+     * time: yes. */
+    void* allocMsgMem(unsigned int payloadBytes);
+    /** Hands the slot that allocMsgMem() gave to the reader. Null is ignored.
+     *  Threads: the writer. Real time: yes. */
+    void post(void* message);
+
+    /** The oldest message, where it lies; null if there is none. The same again until advanceToNext().
+     *  Threads: the reader. Real time: yes. */
+    void* nextMessage() const;
+    /** Releases the message that nextMessage() gave: the writer may overwrite it from now on.
+     *  Threads: the reader. Real time: yes. */
+    void advanceToNext();
+
+    /** Empties the ring. Threads: not while anyone writes or reads. */
+    void purge();
+
+private:
+    std::uint32_t size;
+    std::uint32_t mask;
+    unsigned char* data;
+    mutable std::uint32_t head;
+    mutable std::uint32_t tail; // nextMessage() moves it over skip records
+};
+
+} // namespace event::transport

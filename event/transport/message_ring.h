@@ -1,0 +1,197 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+/// The one algorithm behind LocalStorage and IpcStorage: a ring of variable-sized slots between one writer
+/// and one reader, without a lock.
+///
+///   data:  | slot | slot | free ...        | slot | slot | skip |
+///            ^ oldest      ^ head & mask     ...
+///   slot:  | stride (4) | reserved (4) | payload, padded to a multiple of 8 |
+///
+/// head and tail count bytes from the ring's beginning and wrap past 2^32 freely. Only the writer stores
+/// head, only the reader stores tail. A slot never crosses the end of the data: a skip record, of negative
+/// stride, fills what is left there.
+///
+/// In shared memory the other side may be a process that has gone wrong or that has been replaced while it
+/// wrote. What it can leave behind must not lead out of the data or into an endless loop.
+namespace event::transport::ring {
+
+struct SSlotHeader
+{
+    std::int32_t
+        stride; ///< whole slot in bytes; negative: skip record, minus the bytes to the end of the data
+    std::uint32_t reserved; ///< never written and never read
+};
+static_assert(sizeof(SSlotHeader) == 8 && offsetof(SSlotHeader, stride) == 0);
+static_assert(std::atomic_ref<std::uint32_t>::is_always_lock_free &&
+                  std::atomic_ref<std::uint32_t>::required_alignment <= 4,
+              "the counters are plain words that two processes share");
+
+constexpr std::uint32_t kHeaderBytes = sizeof(SSlotHeader);
+constexpr std::uint32_t kSlotAlignment = 8;
+
+/// One ring as its owner keeps it.
+struct SView
+{
+    std::uint32_t& head;
+    std::uint32_t& tail;
+    unsigned char* data;
+    std::uint32_t size;
+    std::uint32_t mask;
+};
+
+/// The protocol's full barrier. The counters' acquire and release order the data by themselves; this one also
+/// keeps a post() ahead of the wake-up that follows it, and an older reader or writer on the other side
+/// counts on it.
+inline void fullBarrier()
+{
+#if !defined(__SANITIZE_THREAD__) // which does not know fences
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+#endif
+}
+
+/// A counter as its only writer reads it: no other side stores to it.
+inline std::uint32_t own(std::uint32_t& counter)
+{
+    return std::atomic_ref(counter).load(std::memory_order_relaxed);
+}
+
+/// A counter of the other side. Pairs with publish(): of head, or the reader could see a slot before its
+/// contents; of tail, or the writer could reuse a slot before the reader's last look at it.
+inline std::uint32_t others(std::uint32_t& counter)
+{
+    return std::atomic_ref(counter).load(std::memory_order_acquire);
+}
+
+/// Moves a counter on. Pairs with others() on the other side, for which see there.
+inline void publish(std::uint32_t& counter, std::uint32_t value)
+{
+    std::atomic_ref(counter).store(value, std::memory_order_release);
+}
+
+inline std::uint32_t offsetAt(const SView& ring, std::uint32_t counter)
+{
+    return counter & ring.mask & ~(kSlotAlignment - 1);
+}
+
+inline std::int32_t& strideAt(const SView& ring, std::uint32_t counter)
+{
+    return reinterpret_cast<SSlotHeader*>(ring.data + offsetAt(ring, counter))->stride;
+}
+
+/// Relaxed: others() of head has ordered it. Atomic, so that a value once checked is the value used.
+inline std::uint32_t loadStride(const SView& ring, std::uint32_t counter)
+{
+    return static_cast<std::uint32_t>(
+        std::atomic_ref(strideAt(ring, counter)).load(std::memory_order_relaxed));
+}
+
+/// Relaxed: publish() of head follows and orders it.
+inline void storeStride(const SView& ring, std::uint32_t counter, std::uint32_t stride)
+{
+    std::atomic_ref(strideAt(ring, counter))
+        .store(static_cast<std::int32_t>(stride), std::memory_order_relaxed);
+}
+
+inline bool isSkip(std::uint32_t stride)
+{
+    return static_cast<std::int32_t>(stride) < 0;
+}
+
+/// Whether a message or skip record with this stride can lie at this place.
+inline bool isPossible(const SView& ring, std::uint32_t counter, std::uint32_t stride)
+{
+    const std::uint32_t room = ring.size - offsetAt(ring, counter);
+    if (isSkip(stride))
+        return 0 - stride == room;
+    return stride >= kHeaderBytes && stride % kSlotAlignment == 0 && stride <= room;
+}
+
+inline bool hasSpace(const SView& ring, std::uint32_t head, std::uint32_t stride)
+{
+    // Signed, so that a tail ahead of its head, as a restarted server can leave for a moment, reads as free
+    // space.
+    const std::uint32_t used = head - others(ring.tail);
+    return static_cast<std::int32_t>(stride) <= static_cast<std::int32_t>(ring.size - used);
+}
+
+/// Writer: the payload of a new slot, or null while the ring has no space for it.
+inline void* allocMsgMem(const SView& ring, std::uint32_t payloadBytes)
+{
+    if (std::uint64_t{payloadBytes} + kHeaderBytes > ring.size)
+        return nullptr; // fits at no time, and the stride below could wrap
+    const std::uint32_t stride = (payloadBytes + 15) & ~(kSlotAlignment - 1);
+    std::uint32_t head = own(ring.head);
+    if (!hasSpace(ring, head, stride))
+        return nullptr;
+    const std::uint32_t room = ring.size - offsetAt(ring, head);
+    if (stride > room) {
+        storeStride(ring, head, 0 - room);
+        head += room;
+        publish(ring.head, head); // at once: the reader may take the skip record before there is a message
+        if (!hasSpace(ring, head, stride))
+            return nullptr;
+    }
+    storeStride(ring, head, stride);
+    return ring.data + offsetAt(ring, head) + kHeaderBytes;
+}
+
+/// Writer: makes the slot of `message` visible to the reader.
+inline void post(const SView& ring, void* message)
+{
+    if (message == nullptr)
+        return;
+    const auto* slot =
+        reinterpret_cast<const SSlotHeader*>(static_cast<unsigned char*>(message) - kHeaderBytes);
+    publish(ring.head, own(ring.head) + static_cast<std::uint32_t>(slot->stride));
+    fullBarrier();
+}
+
+/// Reader: gives up what is in the ring, since nothing behind an impossible slot can be found.
+inline void discardAll(const SView& ring, std::uint32_t head)
+{
+    if (head % kSlotAlignment == 0)
+        publish(ring.tail, head);
+}
+
+/// Reader: the oldest payload, or null. Moves tail over skip records.
+inline void* nextMessage(const SView& ring)
+{
+    // Read once: a writer that goes on and on cannot hold the reader here.
+    const std::uint32_t head = others(ring.head);
+    std::uint32_t tail = own(ring.tail);
+    while (tail != head) {
+        fullBarrier();
+        const std::uint32_t stride = loadStride(ring, tail);
+        const std::uint32_t length = isSkip(stride) ? 0 - stride : stride;
+        const std::uint32_t used = head - tail;
+        if ((head | tail) % kSlotAlignment != 0 || used > ring.size || length > used ||
+            !isPossible(ring, tail, stride)) {
+            discardAll(ring, head);
+            return nullptr;
+        }
+        if (!isSkip(stride))
+            return ring.data + offsetAt(ring, tail) + kHeaderBytes;
+        tail += length;
+        publish(ring.tail, tail);
+    }
+    return nullptr;
+}
+
+/// Reader: releases the slot that nextMessage() has given.
+inline void advanceToNext(const SView& ring)
+{
+    const std::uint32_t tail = own(ring.tail);
+    fullBarrier();
+    const std::uint32_t stride = loadStride(ring, tail);
+    if (isSkip(stride) || !isPossible(ring, tail, stride))
+        discardAll(ring, others(ring.head));
+    else
+        publish(ring.tail, tail + stride);
+}
+
+} // namespace event::transport::ring
