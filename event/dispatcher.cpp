@@ -53,9 +53,12 @@ void CDispatcher::registerHandler(CEventHandlerBase& handler)
 {
     const CMutexLock lock(mutex);
     const auto entry = handlers.try_emplace(handler.id).first;
-    try {
+    try
+    {
         entry->second.push_back(&handler);
-    } catch (...) {
+    }
+    catch (...)
+    {
         if (entry->second.empty())
             handlers.erase(entry);
         throw;

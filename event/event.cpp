@@ -12,7 +12,8 @@ unsigned int CEventBase::hash(std::type_info const& type)
 {
     const char* name = type.name();
     std::uint32_t value = 0;
-    for (const char* c = name; *c != '\0'; ++c) {
+    for (const char* c = name; *c != '\0'; ++c)
+    {
         // Meant: the factor is the offset basis of FNV and not its prime, and characters are sign-extended.
         value *= 0x811C9DC5U;
         value ^= static_cast<std::uint32_t>(static_cast<signed char>(*c));

@@ -15,7 +15,8 @@ inline void initPriorityMutex(pthread_mutex_t& mutex, int type)
     pthread_mutexattr_settype(&attributes, type);
     pthread_mutexattr_setprotocol(&attributes, PTHREAD_PRIO_INHERIT);
     // A kernel without such futexes: a plain mutex is still right, if less prompt.
-    if (pthread_mutex_init(&mutex, &attributes) == ENOTSUP) {
+    if (pthread_mutex_init(&mutex, &attributes) == ENOTSUP)
+    {
         pthread_mutexattr_setprotocol(&attributes, PTHREAD_PRIO_NONE);
         pthread_mutex_init(&mutex, &attributes);
     }

@@ -44,7 +44,8 @@ IpcManager& IpcManager::instance()
 
 IpcManager::~IpcManager()
 {
-    for (const auto& [key, channel] : *this) {
+    for (const auto& [key, channel] : *this)
+    {
         delete channel.first;
         if (key.second)
             delete static_cast<IpcPoster*>(channel.second);

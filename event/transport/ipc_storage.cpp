@@ -47,7 +47,8 @@ IpcStorage::IpcStorage(unsigned int bytes, const char* ringName, bool client)
     data = base + kRingHeaderBytes;
     head = reinterpret_cast<std::uint32_t*>(base + offsetof(SRingHeader, head));
     tail = reinterpret_cast<std::uint32_t*>(base + offsetof(SRingHeader, tail));
-    if (handle != VirtMem::INVALID_NATIVE_HANDLE && owner) {
+    if (handle != VirtMem::INVALID_NATIVE_HANDLE && owner)
+    {
         VirtMem::lock(base, size + kRingHeaderBytes); // a ring that could not be pinned still works
         // Clients of an earlier server may be attached: each of these pairs with others() on their side.
         ring::publish(*tail, 0);
@@ -62,13 +63,15 @@ IpcStorage::~IpcStorage()
 
 void IpcStorage::cleanup()
 {
-    if (base != nullptr) {
+    if (base != nullptr)
+    {
         // Meant: without the header's 8 bytes. The page that they reach into stays mapped until the process
         // ends.
         VirtMem::unmap(base, size);
         base = nullptr;
     }
-    if (handle != VirtMem::INVALID_NATIVE_HANDLE) {
+    if (handle != VirtMem::INVALID_NATIVE_HANDLE)
+    {
         VirtMem::close(handle);
         handle = VirtMem::INVALID_NATIVE_HANDLE;
         if (owner)
@@ -90,7 +93,9 @@ unsigned int IpcStorage::usedBytes() const
 
 void* IpcStorage::allocMsgMem(unsigned int payloadBytes)
 {
-    return ring::allocMsgMem({*head, *tail, data, size, mask}, payloadBytes);
+    // No copy is kept: both counters share a cache line, and a server that restarts sets them back.
+    std::uint32_t tailSeen = ring::others(*tail);
+    return ring::allocMsgMem({*head, *tail, data, size, mask}, tailSeen, payloadBytes);
 }
 
 void IpcStorage::post(void* message)
@@ -100,7 +105,8 @@ void IpcStorage::post(void* message)
 
 void* IpcStorage::nextMessage() const
 {
-    return ring::nextMessage({*head, *tail, data, size, mask});
+    std::uint32_t headSeen = ring::others(*head);
+    return ring::nextMessage({*head, *tail, data, size, mask}, headSeen);
 }
 
 void IpcStorage::advanceToNext()

@@ -16,8 +16,6 @@ LocalStorage::LocalStorage(unsigned int bytes)
     : size(bytes)
     , mask(bytes - 1)
     , data(new unsigned char[bytes + kSpareBytes]())
-    , head(0)
-    , tail(0)
 {
 }
 
@@ -39,7 +37,7 @@ unsigned int LocalStorage::usedBytes() const
 
 void* LocalStorage::allocMsgMem(unsigned int payloadBytes)
 {
-    return ring::allocMsgMem({head, tail, data, size, mask}, payloadBytes);
+    return ring::allocMsgMem({head, tail, data, size, mask}, tailSeen, payloadBytes);
 }
 
 void LocalStorage::post(void* message)
@@ -49,7 +47,7 @@ void LocalStorage::post(void* message)
 
 void* LocalStorage::nextMessage() const
 {
-    return ring::nextMessage({head, tail, data, size, mask});
+    return ring::nextMessage({head, tail, data, size, mask}, headSeen);
 }
 
 void LocalStorage::advanceToNext()
@@ -61,6 +59,7 @@ void LocalStorage::purge()
 {
     ring::publish(head, 0); // as elsewhere, though nobody is there to pair with
     ring::publish(tail, 0);
+    headSeen = tailSeen = 0;
 }
 
 } // namespace event::transport

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "korvo_export.h"
@@ -46,11 +47,16 @@ public:
     void purge();
 
 private:
+    static constexpr std::size_t kCacheLine =
+        64; // a line for each side, so that neither takes the other's away
+
     std::uint32_t size;
     std::uint32_t mask;
     unsigned char* data;
-    mutable std::uint32_t head;
-    mutable std::uint32_t tail; // nextMessage() moves it over skip records
+    alignas(kCacheLine) mutable std::uint32_t head = 0;
+    std::uint32_t tailSeen = 0;                         // the writer's copy
+    alignas(kCacheLine) mutable std::uint32_t tail = 0; // nextMessage() moves it over skip records
+    mutable std::uint32_t headSeen = 0;                 // the reader's copy
 };
 
 } // namespace event::transport

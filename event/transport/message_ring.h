@@ -105,35 +105,53 @@ inline bool isSkip(std::uint32_t stride)
 /// Whether a message or skip record with this stride can lie at this place.
 inline bool isPossible(const SView& ring, std::uint32_t counter, std::uint32_t stride)
 {
-    const std::uint32_t room = ring.size - offsetAt(ring, counter);
+    const std::uint32_t offset = offsetAt(ring, counter);
+    const std::uint32_t room = ring.size - offset;
     if (isSkip(stride))
-        return 0 - stride == room;
+        return offset != 0 && 0 - stride == room;
     return stride >= kHeaderBytes && stride % kSlotAlignment == 0 && stride <= room;
 }
 
-inline bool hasSpace(const SView& ring, std::uint32_t head, std::uint32_t stride)
+/// Whether it can be, and lies between counters that can be.
+inline bool isWithin(const SView& ring, std::uint32_t tail, std::uint32_t head, std::uint32_t stride)
+{
+    const std::uint32_t used = head - tail;
+    return (head | tail) % kSlotAlignment == 0 && used <= ring.size &&
+           (isSkip(stride) ? 0 - stride : stride) <= used && isPossible(ring, tail, stride);
+}
+
+/// Looks at the other side's counter only where the last look does not suffice: its cache line is on the
+/// other core.
+inline bool hasSpace(const SView& ring, std::uint32_t& tailSeen, std::uint32_t head, std::uint32_t stride)
 {
     // Signed, so that a tail ahead of its head, as a restarted server can leave for a moment, reads as free
     // space.
-    const std::uint32_t used = head - others(ring.tail);
-    return static_cast<std::int32_t>(stride) <= static_cast<std::int32_t>(ring.size - used);
+    const auto fits = [&] {
+        return static_cast<std::int32_t>(stride) <= static_cast<std::int32_t>(ring.size - (head - tailSeen));
+    };
+    if (fits())
+        return true;
+    tailSeen = others(ring.tail);
+    return fits();
 }
 
-/// Writer: the payload of a new slot, or null while the ring has no space for it.
-inline void* allocMsgMem(const SView& ring, std::uint32_t payloadBytes)
+/// Writer: the payload of a new slot, or null while the ring has no space for it. `tailSeen` is the reader's
+/// counter as the writer saw it last; an older value makes the ring look fuller, never emptier.
+inline void* allocMsgMem(const SView& ring, std::uint32_t& tailSeen, std::uint32_t payloadBytes)
 {
     if (std::uint64_t{payloadBytes} + kHeaderBytes > ring.size)
         return nullptr; // fits at no time, and the stride below could wrap
     const std::uint32_t stride = (payloadBytes + 15) & ~(kSlotAlignment - 1);
     std::uint32_t head = own(ring.head);
-    if (!hasSpace(ring, head, stride))
+    if (!hasSpace(ring, tailSeen, head, stride))
         return nullptr;
     const std::uint32_t room = ring.size - offsetAt(ring, head);
-    if (stride > room) {
+    if (stride > room)
+    {
         storeStride(ring, head, 0 - room);
         head += room;
         publish(ring.head, head); // at once: the reader may take the skip record before there is a message
-        if (!hasSpace(ring, head, stride))
+        if (!hasSpace(ring, tailSeen, head, stride))
             return nullptr;
     }
     storeStride(ring, head, stride);
@@ -158,28 +176,31 @@ inline void discardAll(const SView& ring, std::uint32_t head)
         publish(ring.tail, head);
 }
 
-/// Reader: the oldest payload, or null. Moves tail over skip records.
-inline void* nextMessage(const SView& ring)
+/// Reader: the oldest payload, or null. Moves tail over a skip record. `headSeen` is the writer's counter as
+/// the reader saw it last; before the ring is called empty it is read anew, or a wake-up already taken would
+/// be lost.
+inline void* nextMessage(const SView& ring, std::uint32_t& headSeen)
 {
-    // Read once: a writer that goes on and on cannot hold the reader here.
-    const std::uint32_t head = others(ring.head);
     std::uint32_t tail = own(ring.tail);
-    while (tail != head) {
+    for (;;) // twice at most: what follows a skip record is at offset 0, where no skip record can be
+    {
+        if (tail == headSeen)
+            headSeen = others(ring.head);
+        if (tail == headSeen)
+            return nullptr;
         fullBarrier();
         const std::uint32_t stride = loadStride(ring, tail);
-        const std::uint32_t length = isSkip(stride) ? 0 - stride : stride;
-        const std::uint32_t used = head - tail;
-        if ((head | tail) % kSlotAlignment != 0 || used > ring.size || length > used ||
-            !isPossible(ring, tail, stride)) {
-            discardAll(ring, head);
+        if (!isWithin(ring, tail, headSeen, stride))
+        {
+            headSeen = others(ring.head);
+            discardAll(ring, headSeen);
             return nullptr;
         }
         if (!isSkip(stride))
             return ring.data + offsetAt(ring, tail) + kHeaderBytes;
-        tail += length;
+        tail -= stride;
         publish(ring.tail, tail);
     }
-    return nullptr;
 }
 
 /// Reader: releases the slot that nextMessage() has given.

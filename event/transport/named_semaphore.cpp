@@ -23,7 +23,8 @@ std::mutex s_enterMutex;
 SemaphoreHandle enter(sem_t* semaphore)
 {
     const std::lock_guard lock(s_enterMutex);
-    for (std::size_t i = 0; i < kMaxSemaphores; ++i) {
+    for (std::size_t i = 0; i < kMaxSemaphores; ++i)
+    {
         // Relaxed: the lock orders entries among each other.
         sem_t* const entry = s_semaphores[i].load(std::memory_order_relaxed);
         if (entry == nullptr)
@@ -51,7 +52,8 @@ void drain(sem_t* semaphore)
     int count = 0;
     ::sem_getvalue(semaphore, &count);
     // Counted, so that a client that keeps posting cannot hold the server here.
-    while (count-- > 0 && ::sem_trywait(semaphore) == 0) {
+    while (count-- > 0 && ::sem_trywait(semaphore) == 0)
+    {
     }
 }
 
@@ -66,7 +68,8 @@ timespec monotonicAfter(unsigned int timeoutMs)
     ::clock_gettime(CLOCK_MONOTONIC, &time);
     time.tv_sec += timeoutMs / 1000;
     time.tv_nsec += static_cast<long>(timeoutMs % 1000) * 1000000;
-    if (time.tv_nsec > 999999999) {
+    if (time.tv_nsec > 999999999)
+    {
         time.tv_nsec -= 1000000000;
         ++time.tv_sec;
     }
@@ -101,12 +104,15 @@ bool waitForSemaphore(SemaphoreHandle handle, unsigned int timeoutMs)
     // The monotonic clock: setting the wall clock must not stretch a wait.
     const timespec deadline = monotonicAfter(timeoutMs);
     sem_t* semaphore = find(handle);
-    if (semaphore == nullptr) {
-        while (::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr) == EINTR) {
+    if (semaphore == nullptr)
+    {
+        while (::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr) == EINTR)
+        {
         }
         return false;
     }
-    while (::sem_clockwait(semaphore, CLOCK_MONOTONIC, &deadline) != 0) {
+    while (::sem_clockwait(semaphore, CLOCK_MONOTONIC, &deadline) != 0)
+    {
         if (errno != EINTR)
             return false;
     }

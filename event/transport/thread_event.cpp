@@ -37,14 +37,18 @@ Event::~Event()
 bool Event::wait(unsigned int timeoutMs)
 {
     const CMutexLock lock(block->mutex);
-    if (static_cast<std::int32_t>(timeoutMs) < 0) {
+    if (static_cast<std::int32_t>(timeoutMs) < 0)
+    {
         while (!block->signalled)
             pthread_cond_wait(&block->condition, &block->mutex);
-    } else if (!block->signalled) {
+    }
+    else if (!block->signalled)
+    {
         timeval now = {};
         gettimeofday(&now, nullptr);
         const timespec deadline = deadlineAfter(now, timeoutMs);
-        while (!block->signalled) {
+        while (!block->signalled)
+        {
             // Meant: on a time-out the flag is not looked at again; a notification stays for the next wait.
             if (pthread_cond_timedwait(&block->condition, &block->mutex, &deadline) == ETIMEDOUT)
                 return false;

@@ -38,7 +38,8 @@ bool isLargeEnough(int descriptor, unsigned int size)
 int openObject(const char* name, unsigned int size, VirtMem::OpenFlags open, VirtMem::ProtFlags prot)
 {
     char withSlash[64];
-    if (name[0] != '/') {
+    if (name[0] != '/')
+    {
         std::snprintf(withSlash, sizeof(withSlash), "/%s", name);
         name = withSlash;
     }
@@ -57,7 +58,8 @@ int openObject(const char* name, unsigned int size, VirtMem::OpenFlags open, Vir
 void* VirtMem::alloc(unsigned int size, const char* name, OpenFlags open, ProtFlags prot, bool shared,
                      long& handle)
 {
-    if (name != nullptr) {
+    if (name != nullptr)
+    {
         handle = openObject(name, size, open, prot);
         if (handle == INVALID_NATIVE_HANDLE)
             return nullptr;

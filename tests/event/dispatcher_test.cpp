@@ -201,7 +201,8 @@ TEST(Dispatcher, AHandlerThatEndsHandlersDoesNoHarm)
 
 TEST(DispatcherThreads, AHandlerIsGoneWhenItsRemovalReturns)
 {
-    for (int round = 0; round < 50; ++round) {
+    for (int round = 0; round < 50; ++round)
+    {
         std::atomic<int> calls = 0;
         std::atomic<bool> stop = false;
         auto handler = std::make_unique<CPingHandler>([&] { ++calls; });
@@ -226,7 +227,8 @@ TEST(DispatcherThreads, AConsumerDrainsItsRingAndSleeps)
     transport::LocalStorage ring(4096);
     transport::Event wake;
     std::thread producer([&] {
-        for (int i = 1; i <= kNotes; ++i) {
+        for (int i = 1; i <= kNotes; ++i)
+        {
             void* slot = ring.allocMsgMem(sizeof(CCount));
             for (; slot == nullptr; slot = ring.allocMsgMem(sizeof(CCount)))
                 std::this_thread::yield();
@@ -237,8 +239,10 @@ TEST(DispatcherThreads, AConsumerDrainsItsRingAndSleeps)
         }
     });
     CTwoHandler handler;
-    for (int taken = 0; taken < kNotes;) {
-        for (; const void* message = ring.nextMessage(); ++taken) {
+    for (int taken = 0; taken < kNotes;)
+    {
+        for (; const void* message = ring.nextMessage(); ++taken)
+        {
             DispatchEvent(*static_cast<const CEventBase*>(message), kHere);
             ring.advanceToNext();
         }

@@ -86,7 +86,8 @@ void sendMany(
     Ring& ring, std::uint32_t count, const std::function<void()>& wake = [] {})
 {
     CMessages messages;
-    for (std::uint32_t i = 0; i < count; ++i) {
+    for (std::uint32_t i = 0; i < count; ++i)
+    {
         messages.next(i);
         void* payload = ring.allocMsgMem(messages.size());
         for (; payload == nullptr; payload = ring.allocMsgMem(messages.size()))
@@ -102,7 +103,8 @@ template<typename Ring>
 std::uint32_t receiveMany(Ring& ring, std::uint32_t count, const std::function<void()>& sleep)
 {
     CMessages messages;
-    for (std::uint32_t i = 0; i < count; ++i) {
+    for (std::uint32_t i = 0; i < count; ++i)
+    {
         messages.next(i);
         const void* payload = ring.nextMessage();
         for (; payload == nullptr; payload = ring.nextMessage())
@@ -208,15 +210,19 @@ TYPED_TEST(MessageRing, AgreesWithAQueueAcrossTheWrapOfItsCounters)
         ASSERT_TRUE(passOn(this->ends, kSmall - 8));
     std::mt19937 random = korvotest::makeRandom(11);
     std::deque<std::pair<unsigned int, unsigned char>> expected;
-    for (int step = 0; step < 20000; ++step) {
+    for (int step = 0; step < 20000; ++step)
+    {
         const unsigned int bytes = static_cast<unsigned int>(1 + random() % 700);
         void* message = random() % 2 == 0 ? nullptr : this->ends.writer.allocMsgMem(bytes);
-        if (message != nullptr) {
+        if (message != nullptr)
+        {
             ASSERT_EQ(reinterpret_cast<std::uintptr_t>(message) % 8, 0U);
             expected.emplace_back(bytes, static_cast<unsigned char>(step));
             std::memset(message, static_cast<unsigned char>(step), bytes);
             this->ends.writer.post(message);
-        } else if (!expected.empty()) {
+        }
+        else if (!expected.empty())
+        {
             const auto [size, value] = expected.front();
             const auto* next = static_cast<const unsigned char*>(this->ends.reader.nextMessage());
             ASSERT_NE(next, nullptr);
@@ -329,7 +335,8 @@ TEST(IpcStorage, AnImpossibleSlotEndsNeitherInALoopNorOutsideTheRing)
     };
     CIpcEnds ends;
     CRawRing raw(ends.names.name("ring"));
-    for (const SCase& c : cases) {
+    for (const SCase& c : cases)
+    {
         SCOPED_TRACE(testing::Message() << c.head << ' ' << c.tail << ' ' << c.stride);
         raw.set(0, c.head);
         raw.set(4, c.tail);

@@ -29,11 +29,13 @@ public:
         int ends[2];
         if (pipe2(ends, O_CLOEXEC) != 0 || (m_janitor = fork()) < 0)
             throw std::runtime_error("no process to clean up after the test");
-        if (m_janitor == 0) {
+        if (m_janitor == 0)
+        {
             setsid();
             close(ends[1]);
             char byte;
-            while (read(ends[0], &byte, 1) < 0) {
+            while (read(ends[0], &byte, 1) < 0)
+            {
             }
             removeAll();
             _exit(0);
@@ -65,7 +67,8 @@ private:
     void removeAll() const
     {
         std::error_code ignored;
-        for (const auto& entry : std::filesystem::directory_iterator("/dev/shm", ignored)) {
+        for (const auto& entry : std::filesystem::directory_iterator("/dev/shm", ignored))
+        {
             const std::string file = entry.path().filename().string();
             if (file.starts_with(m_prefix) || file.starts_with("sem." + m_prefix))
                 std::filesystem::remove(entry.path(), ignored);
@@ -114,7 +117,8 @@ public:
     {
         const auto end = std::chrono::steady_clock::now() + timeout;
         int status = 0;
-        while (waitpid(m_process, &status, WNOHANG) == 0) {
+        while (waitpid(m_process, &status, WNOHANG) == 0)
+        {
             if (std::chrono::steady_clock::now() > end)
                 return kStillRunning;
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
@@ -132,7 +136,8 @@ inline bool eventually(const std::function<bool()>& condition,
                        std::chrono::milliseconds timeout = std::chrono::seconds(20))
 {
     const auto end = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
+    while (!condition())
+    {
         if (std::chrono::steady_clock::now() > end)
             return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(1));

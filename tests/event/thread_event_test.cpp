@@ -46,7 +46,8 @@ TEST(ThreadEventThreads, WakesASleeper)
         EXPECT_TRUE(wake.wait(20000));
         awake.notify();
     });
-    for (int i = 0; i < 2; ++i) {
+    for (int i = 0; i < 2; ++i)
+    {
         EXPECT_FALSE(awake.wait(30));
         wake.notify();
         EXPECT_TRUE(awake.wait(20000));
@@ -61,9 +62,11 @@ TEST(ThreadEventThreads, ACrowdLosesNoWakeUp)
     Event wake;
     std::atomic<int> notes = 0;
     std::vector<std::thread> crowd;
-    for (int i = 0; i < kThreads; ++i) {
+    for (int i = 0; i < kThreads; ++i)
+    {
         crowd.emplace_back([&] {
-            for (int n = 0; n < kNotesEach; ++n) {
+            for (int n = 0; n < kNotesEach; ++n)
+            {
                 ++notes;
                 wake.notify();
             }
