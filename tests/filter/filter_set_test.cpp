@@ -27,6 +27,8 @@ protected:
         engine.init(48000, 64, 2, 4800);
     }
 
+    ~FilterSet() override { engine.removeAllFiltersHard(); } // no audio thread is left to wait for
+
     unsigned load(const std::vector<SChannel>& channels, bool minPhase = false)
     {
         const auto file = folder.write("f.korvo", korvotest::documentText(channels));
