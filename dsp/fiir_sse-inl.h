@@ -40,8 +40,9 @@ struct SSectionBank
     };
     HWY_ALIGN_MAX float fields[kFields][kGroupsAtOnce * kSectionsPerGroup];
     std::size_t groups;
-    const float* delayed; ///< input still to come; delayed[-1] is the one before
-    float* sums;          ///< four lanes per sample, to which the groups are added in order
+    std::size_t waiting = 0; ///< samples that the bank may run on by
+    const float* delayed;    ///< input still to come; delayed[-1] is the one before
+    float* sums;             ///< four lanes per sample, to which the groups are added in order
 };
 
 /// Runs a bank of `groups` groups over at most kGroup samples.
@@ -132,11 +133,22 @@ HWY_INLINE void runSections(SSectionBank& bank, std::size_t frames, std::index_s
     bank.sums += frames * kSectionsPerGroup;
 }
 
-/// Runs the bank on by at most kGroup samples. A bank without groups does nothing.
+/// Lets the bank run on by `frames` samples, kGroup at a time: what is left over waits, since every start
+/// costs the loading of all coefficients. A bank without groups does nothing.
 HWY_INLINE void advance(SSectionBank& bank, std::size_t frames)
 {
-    if (bank.groups != 0)
-        runSections(bank, frames, std::make_index_sequence<kGroupsAtOnce>());
+    if (bank.groups == 0)
+        return;
+    for (bank.waiting += frames; bank.waiting >= kGroup; bank.waiting -= kGroup)
+        runSections(bank, kGroup, std::make_index_sequence<kGroupsAtOnce>());
+}
+
+/// Runs what advance() has left over.
+HWY_INLINE void catchUp(SSectionBank& bank)
+{
+    if (bank.waiting != 0)
+        runSections(bank, bank.waiting, std::make_index_sequence<kGroupsAtOnce>());
+    bank.waiting = 0;
 }
 
 HWY_INLINE void loadBank(SSectionBank& bank, const float* cooked, std::size_t groups)
@@ -173,8 +185,8 @@ HWY_INLINE void addFurtherBanks(FIIR_FILTER_tag& filter, const float* delayed, f
         loadBank(bank, cooked, std::min(filter.numCookedGroups - done, kGroupsAtOnce));
         bank.delayed = delayed;
         bank.sums = sums;
-        for (std::size_t i = 0; i < frames; i += kGroup)
-            advance(bank, std::min(frames - i, kGroup));
+        advance(bank, frames);
+        catchUp(bank);
         storeBank(bank, cooked);
     }
 }
@@ -265,8 +277,7 @@ HWY_INLINE void filterRun(FIIR_FILTER_tag& filter, SRun& run, SSectionBank& bank
             static_cast<std::uint32_t>(passSmallRing(run, filter.numTaps, samples, stride, delayed));
         if (hasSections)
             startSections(filter, bank, delayed, sectionSums, run.frames);
-        for (std::size_t i = 0; i < run.frames; i += kGroup)
-            advance(bank, std::min(run.frames - i, kGroup));
+        advance(bank, run.frames);
     }
     else
     {
@@ -283,6 +294,7 @@ HWY_INLINE void filterRun(FIIR_FILTER_tag& filter, SRun& run, SSectionBank& bank
     finishSums(run, results);
     if (hasSections)
     {
+        catchUp(bank);
         addFurtherBanks(filter, delayed, sectionSums, run.frames);
         finishSections(sectionSums, results, run.frames);
     }
