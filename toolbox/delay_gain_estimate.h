@@ -22,7 +22,7 @@ enum EEstimateStatus
  * tap.
  *
  *  The transform has 65536 points whatever the length; samples beyond those are not looked at. A largest tap
- * beyond sample 32778 gives gain 0 and the delay of that tap; so does, with its own delay, a filter of zeros.
+ * beyond sample 32778 gives gain 0 and the delay of that tap; a filter of zeros gives gain 0 and delay 0.
  *  @param filter impulse response
  *  @param length samples of `filter`, 5 to 2000000
  *  @param centre fraction of the Nyquist frequency, 0 to 1

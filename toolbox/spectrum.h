@@ -19,7 +19,7 @@ enum ELevelStatus
 };
 
 /** Magnitude to level, in place: x becomes 20 log10(x), in dB. A zero becomes minus infinity; with `guard`
- * set, 1e-9 is added first, and it becomes -180 dB.
+ * set, 1e-9 is added first, and it becomes -180 dB. What is below zero becomes NaN.
  *  @return 0 done; 143 null data or a length below 1 */
 KORVO_EXPORT int abs2dB(float* data, int length, bool guard);
 
@@ -53,7 +53,9 @@ KORVO_EXPORT bool applyRollOffToSpectrum(float* spectrum, int bins, float rollOf
 
 /** Index of a frequency, to the nearest point, on a logarithmic axis from `lowest` (index 0) to `highest`
  * (index points - 1). All in Hz.
- *  @return -1 unless 0.5 <= lowest <= frequency <= highest <= 192000 */
+ *  @param points 2 or more; 1 gives index 0
+ *  @return -1 unless 0.5 <= lowest <= frequency <= highest <= 192000. NaN is not told from a frequency in
+ *          range and gives 0; so does an axis whose ends are the same */
 KORVO_EXPORT int getLogSpecIndex(float frequency, float highest, float lowest, int points);
 
 } // namespace korvotoolbox
