@@ -8,11 +8,13 @@
 #include <complex>
 #include <numbers>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "tests/support/random.h"
 #include "tests/toolbox/fault_injection.h"
 #include "toolbox/delay_gain_estimator.h"
+#include "toolbox/helpers.h"
 
 using namespace korvotoolbox;
 using korvotest::readAccounting;
@@ -36,50 +38,19 @@ SEstimate estimate(const std::vector<float>& taps, float centre = 0.5F,
     return CDelayGainEstimator().estimate(taps.data(), static_cast<int>(taps.size()), centre, way);
 }
 
-/// The whole estimate in double precision with a direct DFT of the bins that matter.
-class CReference
+void expectEstimate(const std::vector<float>& taps, float centre, float gain, int delay)
 {
-public:
-    CReference(const std::vector<float>& taps, double centre)
-    {
-        const double centreBin = std::floor(centre * 32768.0 + 0.5);
-        m_low = bin(centreBin * 0.793701);
-        for (int k = m_low; k <= bin(centreBin * 1.259921); ++k)
-            m_spectrum.push_back(transform(taps, k));
-        const int low = bin(centreBin * 0.95);
-        const int high = bin(centreBin * 1.05);
-        for (int k = low; k <= high; ++k)
-            gain += std::abs(m_spectrum[static_cast<std::size_t>(k - m_low)]) / (high - low + 1);
-    }
+    const SEstimate found = estimate(taps, centre);
+    EXPECT_EQ(found.status, 0);
+    EXPECT_NEAR(found.gain, gain, kMeanError * std::abs(gain)) << delay;
+    EXPECT_EQ(found.delay, delay) << gain << " at " << centre;
+}
 
-    double score(int position, int sign) const
-    {
-        double sum = 0.0;
-        for (std::size_t k = 0; k < m_spectrum.size(); ++k)
-            sum += std::abs(m_spectrum[k] + sign * gain * unit(position, m_low + static_cast<int>(k)));
-        return sum;
-    }
-
-    double gain = 0.0;
-
-private:
-    static int bin(double position) { return std::min(static_cast<int>(std::floor(position + 0.5)), 32768); }
-    static std::complex<double> unit(int i, int k)
-    {
-        return std::polar(1.0, -2.0 * std::numbers::pi * static_cast<double>(long{i} * k % 65536) / 65536.0);
-    }
-    static std::complex<double> transform(const std::vector<float>& taps, int k)
-    {
-        std::complex<double> sum;
-        const std::complex<double> turn = unit(1, k);
-        for (auto tap = taps.rbegin(); tap != taps.rend(); ++tap)
-            sum = sum * turn + static_cast<double>(*tap);
-        return sum;
-    }
-
-    int m_low;
-    std::vector<std::complex<double>> m_spectrum;
-};
+/// The spectrum of an impulse at `position`.
+std::complex<double> phasor(std::size_t position, std::size_t bin)
+{
+    return std::polar(1.0, -2.0 * std::numbers::pi * static_cast<double>(position * bin % 65536) / 65536.0);
+}
 
 /// `count` impulse responses as correction filters have them, of five kinds in turn, every second five
 /// inverted and every second ten with noise over them.
@@ -93,42 +64,29 @@ std::vector<std::vector<float>> makeCorpus(unsigned seed, int count)
         return t == 0.0 ? edge : std::sin(std::numbers::pi * edge * t) / (std::numbers::pi * t);
     };
 
-    std::vector<std::vector<float>> corpus;
+    std::vector<std::vector<float>> corpus(static_cast<std::size_t>(count));
     for (int n = 0; n < count; ++n)
     {
-        std::vector<double> taps(static_cast<std::size_t>(uniform(100, 2000)));
-        const double length = static_cast<double>(taps.size());
+        const double length = std::floor(uniform(100, 2000));
         const double a = uniform(0.3, 0.95), b = uniform(-0.8, 0.8), c = uniform(5, 60);
-        for (std::size_t i = 0; i < taps.size(); ++i)
-        {
-            const double t = static_cast<double>(i);
-            const double middle = t - 0.5 * (length - 1.0);
-            switch (n % 5)
-            {
-            case 0: // measured: direct sound, then noise that dies away
-                taps[i] = t < std::floor(c)
-                              ? 0.0
-                              : uniform(-0.5, 0.5) * std::exp((c - t) / 50) + (t < c + 1 ? 1 : 0);
-                break;
-            case 1: // minimum phase: a resonance beside the direct sound
-                taps[i] = (i == 0 ? 1.0 : 0.0) + std::abs(b) * std::pow(a, t) * std::cos(c * t);
-                break;
-            case 2: // linear phase: a band with a step in it, about a sample or the middle between two
-                taps[i] = (0.5 + 0.5 * std::cos(2 * std::numbers::pi * middle / (length + 1))) *
-                          (sinc(a, middle) + 0.5 * b * sinc(0.4, middle));
-                break;
-            case 3: // nothing but a delay of some fraction
-                taps[i] = sinc(1.0, t - c);
-                break;
-            default:
-                taps[i] = uniform(-1, 1);
-            }
-        }
         const double sign = n / 5 % 2 == 1 ? -1.0 : 1.0;
         const double noise = n / 10 % 2 == 1 ? 0.02 : 0.0;
-        std::vector<float>& filter = corpus.emplace_back();
-        for (const double tap : taps)
-            filter.push_back(static_cast<float>(sign * tap + uniform(-noise, noise)));
+        for (double t = 0.0; t < length; ++t)
+        {
+            const double middle = t - 0.5 * (length - 1.0);
+            const double window = 0.5 + 0.5 * std::cos(2 * std::numbers::pi * middle / (length + 1));
+            const double kinds[] = {
+                // measured: direct sound, then noise that dies away
+                t < std::floor(c) ? 0.0 : uniform(-0.5, 0.5) * std::exp((c - t) / 50) + (t < c + 1 ? 1 : 0),
+                // minimum phase: a resonance beside the direct sound
+                (t == 0.0 ? 1.0 : 0.0) + std::abs(b) * std::pow(a, t) * std::cos(c * t),
+                // linear phase: a band with a step in it, about a sample or the middle between two
+                window * (sinc(a, middle) + 0.5 * b * sinc(0.4, middle)),
+                // nothing but a delay of some fraction; and noise
+                sinc(1.0, t - c), uniform(-1, 1)};
+            corpus[static_cast<std::size_t>(n)].push_back(
+                static_cast<float>(sign * kinds[n % 5] + uniform(-noise, noise)));
+        }
     }
     return corpus;
 }
@@ -137,96 +95,93 @@ std::vector<std::vector<float>> makeCorpus(unsigned seed, int count)
 
 TEST(DelayGainEstimate, FindsAnImpulse)
 {
-    const float values[] = {1.0F, -1.0F, 0.03F, -40.0F};
-    const float centres[] = {0.5F, 0.1F, 1.0F};
     for (const int position : {0, 3, 100, 479, 20000, 32768})
-    {
-        for (int n = 0; n < 12; ++n)
-        {
-            const float value = values[n % 4];
-            const SEstimate found = estimate(impulse(position + 5, position, value), centres[n / 4]);
-            EXPECT_NEAR(found.gain / value, 1.0F, kMeanError) << position << ", case " << n;
-            EXPECT_EQ(found.delay, position) << "case " << n;
-        }
-    }
+        for (const float centre : {0.5F, 0.1F, 1.0F})
+            for (const float value : {1.0F, -1.0F, 0.03F, -40.0F})
+                expectEstimate(impulse(position + 5, position, value), centre, value, position);
 }
 
 TEST(DelayGainEstimate, RefusesBadArgumentsAndWritesNothing)
 {
     const auto taps = impulse(2000001, 0, 1.0F);
-    struct SCase
-    {
-        const float* filter;
-        int length;
-        float centre;
-        int status;
-    };
     const float* x = taps.data();
-    const SCase cases[] = {{nullptr, 10, 0.5F, 173}, {x, 4, 0.5F, 173},    {x, -1, 0.5F, 173},
-                           {x, 2000001, 0.5F, 173},  {x, 10, -1e-3F, 173}, {x, 10, 1.001F, 173},
-                           {x, 10, NAN, 173},        {x, 5, 0.5F, 0},      {x, 2000000, 0.5F, 0}};
-    for (const SCase& c : cases)
+    const std::tuple<const float*, int, float, int> cases[] = {
+        {nullptr, 10, 0.5F, 173}, {x, 4, 0.5F, 173},    {x, -1, 0.5F, 173},
+        {x, 2000001, 0.5F, 173},  {x, 10, -1e-3F, 173}, {x, 10, 1.001F, 173},
+        {x, 10, NAN, 173},        {x, 5, 0.5F, 0},      {x, 2000000, 0.5F, 0}};
+    for (const auto& [filter, length, centre, status] : cases)
     {
         float gain = 77.0F;
         int delay = 77;
-        EXPECT_EQ(estimateFilterDelayGain(c.filter, c.length, c.centre, gain, delay), c.status)
-            << c.length << " at " << c.centre;
-        EXPECT_EQ(gain == 77.0F && delay == 77, c.status != 0);
+        EXPECT_EQ(estimateFilterDelayGain(filter, length, centre, gain, delay), status)
+            << length << " at " << centre;
+        EXPECT_EQ(gain == 77.0F && delay == 77, status != 0);
     }
 }
 
-TEST(DelayGainEstimate, GivesEverythingBackWhenMemoryOrPlanCannotBeHad)
+TEST(DelayGainEstimate, RecoversWhenMemoryOrPlanCouldNotBeHad)
 {
     const auto before = readAccounting();
-    const auto statusWith = [](int allocations, bool plansFail) {
+    CDelayGainEstimator kept;
+    const auto statusWith = [&kept](int allocations, bool plansFail) {
         const korvotest::CFaults faults(allocations, plansFail);
-        return estimate(impulse(10, 2, 1.0F)).status;
+        return kept.estimate(impulse(10, 2, 1.0F).data(), 10, 0.5F).status;
     };
     EXPECT_EQ(statusWith(0, false), 174);
     EXPECT_EQ(statusWith(1, false), 174);
     EXPECT_EQ(statusWith(2, true), 175);
+    EXPECT_EQ(readAccounting().current, before.current) << "everything is given back";
     EXPECT_EQ(statusWith(2, false), 0);
-    EXPECT_EQ(readAccounting().current, before.current);
-    EXPECT_GE(readAccounting().most, before.current + 262144 + 262152) << "the buffers are counted";
+    EXPECT_EQ(readAccounting().current, before.current + 262144 + 262152);
 }
 
 TEST(DelayGainEstimate, HandlesFiltersAtItsLimits)
 {
-    const auto expect = [](const std::vector<float>& taps, float centre, float gain, int delay) {
-        const SEstimate found = estimate(taps, centre);
-        EXPECT_EQ(found.status, 0);
-        EXPECT_NEAR(found.gain, gain, kMeanError) << delay;
-        EXPECT_EQ(found.delay, delay);
-    };
-    expect(std::vector<float>(100), 0.5F, 0.0F, 0);
+    expectEstimate(std::vector<float>(100), 0.5F, 0.0F, 0);
     // One bin, in which every position scores the same: the mean is the sum of all taps.
-    expect({0.5F, 1.0F, 0.25F, 0.0F, 0.0F, 0.0F}, 0.0F, 1.75F, 0);
+    expectEstimate({0.5F, 1.0F, 0.25F, 0.0F, 0.0F, 0.0F}, 0.0F, 1.75F, 0);
     auto tooLong = impulse(65537, 50, 1.0F);
     tooLong[65536] = 100.0F;
-    expect(tooLong, 0.5F, 1.0F, 50);
+    expectEstimate(tooLong, 0.5F, 1.0F, 50);
     // One position is left for a peak at 32778, none beyond it. Over 10 samples the band's phases spread by
-    // more than a turn, and over those the sum with the positive sign is larger: 1.37 on average
-    // against 1.13.
-    expect(impulse(65536, 32778, 1.0F), 0.5F, 1.0F, 32768);
+    // more than a turn, and over those the sum with the positive sign is larger: 1.37 on average, not 1.13.
+    expectEstimate(impulse(65536, 32778, 1.0F), 0.5F, 1.0F, 32768);
     for (const int position : {32779, 65535})
-        expect(impulse(65536, position, 1.0F), 0.5F, 0.0F, position);
+        expectEstimate(impulse(65536, position, 1.0F), 0.5F, 0.0F, position);
     EXPECT_TRUE(std::isnan(estimate({1.0F, NAN, 0.0F, 0.0F, 0.0F}).gain));
 }
 
-TEST(DelayGainEstimate, AgreesWithDoublePrecision)
+TEST(DelayGainEstimate, AgreesWithADirectTransformInDoublePrecision)
 {
-    for (const auto& taps : makeCorpus(4101, 15))
+    auto random = korvotest::makeRandom(4101);
+    for (const float centre : {0.02F, 0.1F, 0.2F, 0.3F, 0.4F, 0.5F, 0.6F, 0.75F})
     {
-        const SEstimate found = estimate(taps);
-        const CReference reference(taps, 0.5);
-        EXPECT_NEAR(std::abs(found.gain) / reference.gain, 1.0, kMeanError);
-        const auto isSmaller = [](float a, float b) { return std::abs(a) < std::abs(b); };
-        const int peak =
-            static_cast<int>(std::max_element(taps.begin(), taps.end(), isSmaller) - taps.begin());
+        const auto taps = korvotest::makeNoise(random, 40);
+        const auto bin = [c = std::round(centre * 32768.0)](double edge) {
+            return static_cast<std::size_t>(std::round(c * edge));
+        };
+        std::vector<std::complex<double>> spectrum(32769);
+        for (std::size_t k = bin(0.793701); k <= bin(1.259921); ++k)
+            for (std::size_t i = 0; i < taps.size(); ++i)
+                spectrum[k] += static_cast<double>(taps[i]) * phasor(i, k);
+        double gain = 0.0;
+        for (std::size_t k = bin(0.95); k <= bin(1.05); ++k)
+            gain += std::abs(spectrum[k]) / static_cast<double>(bin(1.05) - bin(0.95) + 1);
+        const auto score = [&](std::size_t position, double sign) {
+            double sum = 0.0;
+            for (std::size_t k = bin(0.793701); k <= bin(1.259921); ++k)
+                sum += std::abs(spectrum[k] + sign * gain * phasor(position, k));
+            return sum;
+        };
+        const auto peak = static_cast<std::size_t>(maxAbsIdx(taps.data(), 40));
         double best = 0.0;
-        for (int i = std::max(peak - 10, 0); i <= peak + 10; ++i)
-            best = std::max({best, reference.score(i, +1), reference.score(i, -1)});
-        EXPECT_NEAR(reference.score(found.delay, found.gain > 0.0F ? +1 : -1) / best, 1.0, 1e-5);
+        for (std::size_t i = std::max(peak, std::size_t{10}) - 10; i <= peak + 10; ++i)
+            best = std::max({best, score(i, 1.0), score(i, -1.0)});
+
+        const SEstimate found = estimate(taps, centre);
+        EXPECT_NEAR(std::abs(found.gain) / gain, 1.0, kMeanError) << centre;
+        const double reached = score(static_cast<std::size_t>(found.delay), found.gain > 0.0F ? 1.0 : -1.0);
+        EXPECT_NEAR(reached / best, 1.0, 1e-5) << centre;
     }
 }
 
@@ -236,10 +191,10 @@ TEST(DelayGainEstimate, SpectrumAndTransformsDecideAlike)
     int bySpectrum = 0;
     for (std::size_t n = 0; n < corpus.size(); ++n)
     {
-        const SEstimate fast = estimate(corpus[n]);
-        const SEstimate plain = estimate(corpus[n], 0.5F, EDelaySearch::ByTransforms);
-        EXPECT_EQ(fast.delay, plain.delay) << n;
-        EXPECT_EQ(fast.gain, plain.gain) << n;
+        const float centre = n % 4 == 3 ? 0.15F : 0.5F;
+        const SEstimate fast = estimate(corpus[n], centre);
+        const SEstimate plain = estimate(corpus[n], centre, EDelaySearch::ByTransforms);
+        EXPECT_TRUE(fast.delay == plain.delay && fast.gain == plain.gain) << n;
         bySpectrum += fast.decidedBy == EDelaySearch::BySpectrumIfClear ? 1 : 0;
     }
     EXPECT_GE(bySpectrum, 160) << "the fast way leaves too much open";
@@ -248,20 +203,12 @@ TEST(DelayGainEstimate, SpectrumAndTransformsDecideAlike)
 
 TEST(DelayGainEstimate, LeavesTheUnclearToTheTransforms)
 {
-    // Even symmetry: the two middle taps fit equally well. Their scores differ by rounding alone.
-    std::vector<float> symmetric(480);
-    for (std::size_t i = 0; i < 240; ++i)
-        symmetric[239 - i] = symmetric[240 + i] =
-            std::cos(0.3F * static_cast<float>(i)) / static_cast<float>(i + 1);
-    EXPECT_EQ(estimate(symmetric).decidedBy, EDelaySearch::ByTransforms);
-
-    // Nothing but rounding is left at a quarter of the rate.
+    // Nothing but rounding is left of this one at a quarter of the rate.
     std::vector<float> lowPass(480);
     for (std::size_t i = 0; i < 480; ++i)
         lowPass[i] = std::exp(-0.5F * std::pow((static_cast<float>(i) - 200.0F) / 20.0F, 2.0F));
-    EXPECT_EQ(estimate(lowPass).decidedBy, EDelaySearch::ByTransforms);
-    EXPECT_EQ(estimate(impulse(480, 7, 1e-20F)).decidedBy, EDelaySearch::ByTransforms);
-    EXPECT_EQ(estimate(impulse(480, 7, 1e30F)).decidedBy, EDelaySearch::ByTransforms);
+    for (const auto& taps : {lowPass, impulse(480, 7, 1e-20F), impulse(480, 7, 1e30F)})
+        EXPECT_EQ(estimate(taps).decidedBy, EDelaySearch::ByTransforms);
     EXPECT_EQ(estimate(impulse(480, 7, 1e-3F)).decidedBy, EDelaySearch::BySpectrumIfClear);
 }
 
@@ -269,19 +216,17 @@ TEST(DelayGainEstimateThreads, SeveralAtOnceBesideAHostThatPlans)
 {
     const auto corpus = makeCorpus(4103, 10);
     std::vector<SEstimate> expected;
-    for (std::size_t n = 0; n < corpus.size(); ++n)
-        expected.push_back(estimate(corpus[n]));
+    for (const auto& taps : corpus)
+        expected.push_back(estimate(taps));
 
     const auto estimateAll = [&] {
-        CDelayGainEstimator estimator;
+        CDelayGainEstimator kept;
         for (std::size_t n = 0; n < corpus.size(); ++n)
         {
-            const auto& taps = corpus[n];
+            const int length = static_cast<int>(corpus[n].size());
             const SEstimate found =
-                n % 2 == 0 ? estimate(taps)
-                           : estimator.estimate(taps.data(), static_cast<int>(taps.size()), 0.5F);
-            EXPECT_EQ(found.delay, expected[n].delay);
-            EXPECT_EQ(found.gain, expected[n].gain);
+                n % 2 == 0 ? estimate(corpus[n]) : kept.estimate(corpus[n].data(), length, 0.5F);
+            EXPECT_TRUE(found.delay == expected[n].delay && found.gain == expected[n].gain) << n;
         }
     };
     const std::jthread host([](const std::stop_token& stop) {

@@ -2,26 +2,26 @@
 #include "tests/toolbox/fault_injection.h"
 
 #include <fftw3.h>
+#include <gtest/gtest.h>
 
 #include <cstdarg>
 #include <cstddef>
+#include <cstdio>
 
 #include "toolbox/allocator.h"
 
 namespace {
 
-thread_local int s_allocationsLeft = INT_MAX;
-thread_local bool s_plansFail = false;
-
 void takeCounters(void* user, const char* format, ...)
 {
     auto& accounting = *static_cast<korvotest::SAccounting*>(user);
+    char text[256];
     va_list values;
     va_start(values, format);
-    (void)va_arg(values, unsigned long long); // the size asked for
-    accounting.most = va_arg(values, unsigned long long);
-    accounting.current = va_arg(values, unsigned long long);
+    std::vsnprintf(text, sizeof(text), format, values);
     va_end(values);
+    accounting.message += text;
+    std::sscanf(text, "%*[^(](max %llu bytes, current %llu)", &accounting.most, &accounting.current);
 }
 
 } // namespace
@@ -31,33 +31,21 @@ extern "C" {
 void* __real_MKL_malloc(std::size_t size, int alignment);
 void* __wrap_MKL_malloc(std::size_t size, int alignment)
 {
-    return s_allocationsLeft-- > 0 ? __real_MKL_malloc(size, alignment) : nullptr;
+    return korvotest::CFaults::s_allocationsLeft-- > 0 ? __real_MKL_malloc(size, alignment) : nullptr;
 }
 
 fftwf_plan __real_fftwf_plan_dft_r2c_1d(int size, float* in, fftwf_complex* out, unsigned flags);
 fftwf_plan __wrap_fftwf_plan_dft_r2c_1d(int size, float* in, fftwf_complex* out, unsigned flags)
 {
-    return s_plansFail ? nullptr : __real_fftwf_plan_dft_r2c_1d(size, in, out, flags);
+    return korvotest::CFaults::s_plansFail ? nullptr : __real_fftwf_plan_dft_r2c_1d(size, in, out, flags);
 }
 }
 
-korvotest::SAccounting korvotest::readAccounting()
+korvotest::SAccounting korvotest::readAccounting(unsigned long impossibleSize)
 {
     SAccounting accounting;
     korvotoolbox::dtb_setlogfunction(takeCounters, &accounting);
-    korvotoolbox::dtb_alloc(ULONG_MAX);
+    EXPECT_EQ(korvotoolbox::dtb_alloc(impossibleSize), nullptr);
     korvotoolbox::dtb_setlogfunction(nullptr, nullptr);
     return accounting;
-}
-
-korvotest::CFaults::CFaults(int allocations, bool plansFail)
-{
-    s_allocationsLeft = allocations;
-    s_plansFail = plansFail;
-}
-
-korvotest::CFaults::~CFaults()
-{
-    s_allocationsLeft = INT_MAX;
-    s_plansFail = false;
 }

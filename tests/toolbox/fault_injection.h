@@ -2,6 +2,7 @@
 #pragma once
 
 #include <climits>
+#include <string>
 
 namespace korvotest {
 
@@ -10,20 +11,30 @@ struct SAccounting
 {
     unsigned long long most = 0;
     unsigned long long current = 0;
+    std::string message; ///< that told of it
 };
 
-/// Reads the counters out of the message of an allocation that cannot succeed. Takes the log hook away.
-SAccounting readAccounting();
+/// Has an allocation fail, which tells the counters. Takes the log hook away.
+SAccounting readAccounting(unsigned long impossibleSize = ULONG_MAX);
 
 /// While it lives, toolbox allocations of this thread fail after `allocations` of them, and so do all FFT
 /// plans if `plansFail` is set.
 class CFaults
 {
 public:
-    explicit CFaults(int allocations, bool plansFail = false);
-    ~CFaults();
-    CFaults(const CFaults&) = delete;
-    CFaults& operator=(const CFaults&) = delete;
+    explicit CFaults(int allocations, bool plansFail = false)
+    {
+        s_allocationsLeft = allocations;
+        s_plansFail = plansFail;
+    }
+    ~CFaults()
+    {
+        s_allocationsLeft = INT_MAX;
+        s_plansFail = false;
+    }
+
+    static inline thread_local int s_allocationsLeft = INT_MAX;
+    static inline thread_local bool s_plansFail = false;
 };
 
 } // namespace korvotest

@@ -3,37 +3,27 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <tuple>
+#include <vector>
 
 using namespace korvotoolbox;
 
 TEST(PoleZero, KeepsZerosWithinAnIntervalInTheirOrder)
 {
     const std::vector<double> all{0.75, 0.0, 0.5, 1.0, 0.25, -0.1, 0.5};
-    struct SCase
-    {
-        double low, high;
-        bool done;
-        std::vector<double> kept;
-    };
-    const SCase cases[] = {{6000, 18000, true, {0.75, 0.5, 0.25, 0.5}},
-                           {24000, 1e9, true, {1.0}},
-                           {100, 200, true, {}},
-                           {-1, 100, false, all},
-                           {100, 100, false, all},
-                           {24001, 25000, false, all},
-                           {NAN, 100, false, all},
-                           {100, NAN, false, all}};
-    for (const SCase& c : cases)
+    const std::tuple<double, double, bool, std::vector<double>> cases[] = {
+        {6000, 18000, true, {0.75, 0.5, 0.25, 0.5}}, {24000, 1e9, true, {1.0}}, {100, 200, true, {}},
+        {-1, 100, false, all}, {100, 100, false, all}, {24001, 25000, false, all},
+        {NAN, 100, false, all}, {100, NAN, false, all}};
+    for (const auto& [low, high, done, expected] : cases)
     {
         std::vector<cplxZeroPolarForm> zeros;
         for (const double angle : all)
             zeros.push_back({angle, 0.9});
-        EXPECT_EQ(discardZerosOutsideFreqInterval(zeros, 48000, c.low, c.high), c.done) << c.low;
-        std::vector<double> kept;
-        for (const auto& zero : zeros)
-            kept.push_back(zero.angle);
-        EXPECT_EQ(kept, c.kept) << c.low;
+        EXPECT_EQ(discardZerosOutsideFreqInterval(zeros, 48000, low, high), done) << low;
+        EXPECT_TRUE(std::ranges::equal(zeros, expected, {}, &cplxZeroPolarForm::angle)) << low;
     }
 }
 
