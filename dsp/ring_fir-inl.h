@@ -61,31 +61,21 @@ struct SRun
     const float* const* banks;  ///< the taps: 4 rotations, each twice in a row, 16-byte aligned
     float* ring;                ///< 16-byte aligned
     std::size_t length;         ///< of the ring; a multiple of 4
-    std::size_t lead = 0;       ///< how far below its own slot the dot product of a sample is taken: 0 or 1
-    std::size_t every = 1;      ///< one sample in so many has an output: a divisor of kRow
-    std::size_t first = 0;      ///< the first sample of the run that has an output, below `every`
     std::size_t newest = 0;     ///< slot of the first sample of the run
     std::size_t frames = 0;     ///< samples in the run
     std::size_t imageStart = 0; ///< first slot of the image, a multiple of kRow
     HWY_ALIGN_MAX float image[kMaxRun + 2 * kRow];
-    HWY_ALIGN_MAX float sums[kMaxRun * kRow]; ///< a row per output
+    HWY_ALIGN_MAX float sums[kMaxRun * kRow]; ///< a row per sample
 
     const float* fresh(std::size_t slot) const { return image + (slot - imageStart); }
-    /// The ring position that the dot product of the sample at `slot` is taken at.
-    std::size_t positionFor(std::size_t slot) const
-    {
-        return slot >= lead ? slot - lead : slot + length - lead;
-    }
     /// Taps as they meet slot 0 of the ring, for the output of the sample at `slot`. The ones for the samples
     /// after it follow, a step up for every slot down.
-    const float* tapsFor(std::size_t slot) const { return banks[0] + length - positionFor(slot); }
+    const float* tapsFor(std::size_t slot) const { return banks[0] + length - slot; }
     /// The same for that sample alone and those a multiple of four slots down, 16-byte aligned.
     const float* alignedTapsFor(std::size_t slot) const
     {
-        const std::size_t position = positionFor(slot);
-        return banks[position & 3] + length - (position & ~std::size_t{3});
+        return banks[slot & 3] + length - (slot & ~std::size_t{3});
     }
-    std::size_t outputs() const { return (frames + every - 1 - first) / every; }
 };
 
 template<std::size_t... k>
@@ -329,13 +319,12 @@ HWY_INLINE AddGroup groupOf(std::size_t outputs)
     return groupOf<Sums>(outputs, std::make_index_sequence<kGroup>());
 }
 
-/// Makes the next run out of `left` samples, the first of which goes to `newest`. It ends where the positions
-/// of the dot products wrap. All runs up to there get about the same length, since a short one works in
+/// Makes the next run out of `left` samples, the first of which goes to `newest`. It ends where the
+/// slots wrap. All runs up to there get about the same length, since a short one works in
 /// smaller groups.
 HWY_INLINE void beginRun(SRun& run, std::size_t newest, std::size_t left)
 {
-    const std::size_t reach = std::min(left, run.positionFor(newest) + 1);
-    const std::size_t untilWrap = newest >= run.lead ? reach : 1;
+    const std::size_t untilWrap = std::min(left, newest + 1);
     const std::size_t runs = (untilWrap + kMaxRun - 1) / kMaxRun;
     run.newest = newest;
     run.frames = (untilWrap + runs - 1) / runs;
@@ -375,13 +364,13 @@ template<class Between>
 HWY_INLINE void sumSlots(SRun& run, const Between& between)
 {
     // Spaced groups get smaller as runs get shorter; measured, neighbours are faster below four to a group.
-    if (run.frames >= 4 * kRow || run.every > 1)
+    if (run.frames >= 4 * kRow)
     {
-        for (std::size_t i = run.first; i < std::min(kRow, run.frames); i += run.every)
+        for (std::size_t i = 0; i < kRow; ++i)
         {
             const std::size_t samples = (run.frames - i + kRow - 1) / kRow;
-            groupOf<CSpacedSums>(samples)(run, run.newest - i, run.sums + i / run.every * kRow,
-                                          kRow / run.every * kRow);
+            groupOf<CSpacedSums>(samples)(run, run.newest - i, run.sums + i * kRow,
+                                          kRow * kRow);
             between(samples);
         }
         return;
@@ -427,7 +416,7 @@ HWY_INLINE FourVector sumsOfLanes(FourVector v0, FourVector v1, FourVector v2, F
 /// The results of a run, one float per output; room for three more is needed at `results`, which is aligned.
 HWY_INLINE void finishSums(const SRun& run, float* results)
 {
-    for (std::size_t i = 0; i < run.outputs(); i += 4)
+    for (std::size_t i = 0; i < run.frames; i += 4)
     {
         const float* row = run.sums + i * kRow;
         hn::Store(sumsOfLanes(sumOfRow(row), sumOfRow(row + kRow), sumOfRow(row + 2 * kRow),

@@ -39,6 +39,11 @@ inline SVector Sub(SVector a, SVector b) { return {_mm_sub_ps(a.v, b.v)}; }
 inline SVector Mul(SVector a, SVector b) { return {_mm_mul_ps(a.v, b.v)}; }
 inline SVector Ge(SVector a, SVector b) { return {_mm_cmpge_ps(a.v, b.v)}; }
 inline SVector Le(SVector a, SVector b) { return {_mm_cmple_ps(a.v, b.v)}; }
+inline SVector FirstN(STag, std::size_t n)
+{
+    const __m128i lane = _mm_setr_epi32(0, 1, 2, 3);
+    return {_mm_castsi128_ps(_mm_cmplt_epi32(lane, _mm_set1_epi32(static_cast<int>(n))))};
+}
 inline SVector IfThenElse(SVector mask, SVector yes, SVector no)
 {
     return {_mm_or_ps(_mm_and_ps(mask.v, yes.v), _mm_andnot_ps(mask.v, no.v))};

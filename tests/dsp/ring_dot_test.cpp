@@ -182,7 +182,7 @@ class RingDot : public testing::TestWithParam<std::size_t>
 TEST_P(RingDot, GivesTheBitsOfThePlainDotProduct)
 {
     auto random = korvotest::makeRandom(51);
-    for (const unsigned length : {4U, 12U, 16U, 20U, 24U, 32U, 44U, 84U, 128U, 164U, 200U})
+    for (const unsigned length : {4U, 12U, 16U, 20U, 24U, 32U, 44U, 84U, 164U, 256U, 260U})
     {
         for (const SPass& pass : kPasses)
         {
