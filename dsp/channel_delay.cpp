@@ -5,10 +5,17 @@
 #include <bit>
 
 #include "dsp/aligned_memory.h"
+#include "dsp/denormals.h"
 
 namespace korvodsp {
 
 namespace {
+
+/// Whether a block is likely to be what filters leave of silence: denormals. A wrong guess costs time only.
+inline bool looksSilent(const float* src, std::uint32_t frames)
+{
+    return frames != 0 && isZeroOrDenormal(src[0]) && keepsDenormals();
+}
 
 /// The work of both public loops; `src` and `dst` have strides of their own. Returns the ramp after the last
 /// frame.
@@ -17,6 +24,11 @@ inline SGainRamp rampSamples(const float* src, std::size_t srcStride, float* dst
 {
     // Adding a step of zero changes no gain but -0.0, so the usual block needs no chain of additions.
     if (ramp.step == 0.0F && ramp.gain != 0.0F) {
+        if (looksSilent(src, frames)) {
+            for (std::size_t k = 0; k < frames; ++k)
+                dst[k * dstStride] = timesMaybeDenormal(ramp.gain, src[k * srcStride]);
+            return ramp;
+        }
         for (std::size_t k = 0; k < frames; ++k)
             dst[k * dstStride] = ramp.gain * src[k * srcStride];
         return ramp;

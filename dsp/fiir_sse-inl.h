@@ -12,39 +12,17 @@
 #include <cstddef>
 #include <utility>
 
+#include "dsp/denormals.h"
 #include "dsp/fiir_filter.h"
 #include "dsp/ring_fir-inl.h"
+#include "dsp/section_bank-inl.h"
+#include "dsp/tiny_sections-inl.h"
 
 HWY_BEFORE_NAMESPACE();
 namespace korvodsp {
 namespace HWY_NAMESPACE {
 
 constexpr std::size_t kGroupsPerVector = kWideLanes / kSectionsPerGroup;
-/// Groups of sections that run side by side, with their state in registers.
-constexpr std::size_t kGroupsAtOnce = HWY_TARGET == HWY_AVX3 ? 12 : HWY_TARGET == HWY_AVX2 ? 8 : 4;
-
-/// Up to kGroupsAtOnce cooked groups, rearranged so that groups lie side by side, and their way through a
-/// run. Every section waits for its own last output, three operations long; a bank therefore runs a few
-/// samples at a time between the groups of FIR sums, which fill the gaps.
-struct SSectionBank
-{
-    enum EField : std::size_t
-    {
-        kB0,
-        kB1,
-        kA1,
-        kA2,
-        kY1,
-        kY2,
-        kFields
-    };
-    HWY_ALIGN_MAX float fields[kFields][kGroupsAtOnce * kSectionsPerGroup];
-    std::size_t groups;
-    std::size_t waiting = 0; ///< samples that the bank may run on by
-    const float* delayed;    ///< input still to come; delayed[-1] is the one before
-    float* sums;             ///< four lanes per sample, to which the groups are added in order
-};
-
 /// Runs a bank of `groups` groups over at most kGroup samples.
 template<std::size_t groups>
 class CSectionSteps
@@ -52,20 +30,16 @@ class CSectionSteps
 public:
     HWY_INLINE explicit CSectionSteps(const SSectionBank& bank) { load(bank, Index()); }
 
-    HWY_INLINE void run(SSectionBank& bank, std::size_t frames)
+    HWY_INLINE void run(SSectionBank& bank, std::size_t frames, SBankOutputs& outputs)
     {
-        HWY_ALIGN_MAX float outputs[kGroup][kVectors * kWideLanes];
         WideVector previous = hn::Set(Wide(), bank.delayed[-1]);
         for (std::size_t i = 0; i < frames; ++i)
         {
             const WideVector x = hn::Set(Wide(), bank.delayed[i]);
-            step(x, previous, outputs[i], Index());
+            step(x, previous, outputs.rows[i], Index());
             previous = x;
         }
         storeState(bank, Index());
-        // In a loop of its own, by way of memory: reading groups back costs less than taking vectors apart.
-        for (std::size_t i = 0; i < frames; ++i)
-            addInOrder(outputs[i], bank.sums + i * kSectionsPerGroup, std::make_index_sequence<groups>());
     }
 
 private:
@@ -107,28 +81,57 @@ private:
         hn::Store(m_y1[v], Wide(), outputs);
     }
 
-    template<std::size_t... g>
-    HWY_INLINE static void addInOrder(const float* outputs, float* sums, std::index_sequence<g...>)
-    {
-        FourVector sum = hn::Load(Four(), sums);
-        ((sum = hn::Add(sum, hn::Load(Four(), outputs + g * kSectionsPerGroup))), ...);
-        hn::Store(sum, Four(), sums);
-    }
-
     Vectors m_b0, m_b1, m_a1, m_a2, m_y1, m_y2;
 };
+
+template<std::size_t... g>
+HWY_INLINE void addInOrder(const float* outputs, float* sums, std::index_sequence<g...>)
+{
+    FourVector sum = hn::Load(Four(), sums);
+    ((sum = hn::Add(sum, hn::Load(Four(), outputs + g * kSectionsPerGroup))), ...);
+    hn::Store(sum, Four(), sums);
+}
+
+/// In a loop of its own, by way of memory: reading groups back costs less than taking vectors apart.
+template<std::size_t groups>
+HWY_INLINE void addOutputs(const SBankOutputs& outputs, float* sums, std::size_t frames)
+{
+    for (std::size_t i = 0; i < frames; ++i)
+        addInOrder(outputs.rows[i], sums + i * kSectionsPerGroup, std::make_index_sequence<groups>());
+}
 
 template<std::size_t groups>
 HWY_NOINLINE void runSections(SSectionBank& bank, std::size_t frames)
 {
-    CSectionSteps<groups>(bank).run(bank, frames);
+    SBankOutputs outputs;
+    CSectionSteps<groups>(bank).run(bank, frames, outputs);
+    addOutputs<groups>(outputs, bank.sums, frames);
+}
+
+/// The same over silence, for a bank some of whose sections may have rung down to denormals.
+template<std::size_t groups>
+HWY_NOINLINE void runSilence(SSectionBank& bank, std::size_t frames)
+{
+    constexpr std::size_t kLanes = (groups * kSectionsPerGroup + kTinyLanes - 1) / kTinyLanes * kTinyLanes;
+    STinySections tiny;
+    if (!chooseTiny(bank, kLanes, tiny) || !runTiny(bank, kLanes, frames, tiny))
+        return runSections<groups>(bank, frames);
+    SBankOutputs outputs;
+    if (!tiny.all)
+    {
+        hideTiny(bank, kLanes, tiny);
+        CSectionSteps<groups>(bank).run(bank, frames, outputs);
+    }
+    mergeTiny(tiny, kLanes, frames, bank, outputs);
+    addOutputs<groups>(outputs, bank.sums, frames);
 }
 
 template<std::size_t... g>
 HWY_INLINE void runSections(SSectionBank& bank, std::size_t frames, std::index_sequence<g...>)
 {
     static constexpr void (*kRun[])(SSectionBank&, std::size_t) = {&runSections<g + 1>...};
-    kRun[bank.groups - 1](bank, frames);
+    static constexpr void (*kRunSilence[])(SSectionBank&, std::size_t) = {&runSilence<g + 1>...};
+    (bank.silent ? kRunSilence : kRun)[bank.groups - 1](bank, frames);
     bank.delayed += frames;
     bank.sums += frames * kSectionsPerGroup;
 }
@@ -151,34 +154,12 @@ HWY_INLINE void catchUp(SSectionBank& bank)
     bank.waiting = 0;
 }
 
-HWY_INLINE void loadBank(SSectionBank& bank, const float* cooked, std::size_t groups)
-{
-    bank.groups = groups;
-    for (std::size_t field = 0; field < SSectionBank::kFields; ++field)
-    {
-        float* lanes = bank.fields[field];
-        std::fill_n(lanes, kGroupsAtOnce * kSectionsPerGroup, 0.0F);
-        for (std::size_t g = 0; g < groups; ++g)
-            std::copy_n(cooked + g * kFloatsPerGroup + field * kSectionsPerGroup, kSectionsPerGroup,
-                        lanes + g * kSectionsPerGroup);
-    }
-}
-
-HWY_INLINE void storeBank(const SSectionBank& bank, float* cooked)
-{
-    for (const std::size_t field : {SSectionBank::kY1, SSectionBank::kY2})
-    {
-        for (std::size_t g = 0; g < bank.groups; ++g)
-            std::copy_n(bank.fields[field] + g * kSectionsPerGroup, kSectionsPerGroup,
-                        cooked + g * kFloatsPerGroup + field * kSectionsPerGroup);
-    }
-}
-
 /// All groups behind the first bank, one bank after the other over the whole run.
 HWY_INLINE void addFurtherBanks(FIIR_FILTER_tag& filter, const float* delayed, float* sums,
-                                std::size_t frames)
+                                std::size_t frames, bool silent)
 {
     SSectionBank bank;
+    bank.silent = silent;
     for (std::size_t done = kGroupsAtOnce; done < filter.numCookedGroups; done += kGroupsAtOnce)
     {
         float* cooked = filter.cookedSections + done * kFloatsPerGroup;
@@ -260,6 +241,8 @@ HWY_INLINE void startSections(FIIR_FILTER_tag& filter, SSectionBank& bank, float
     std::fill_n(sums, (frames + 3) * kSectionsPerGroup, 0.0F);
     bank.delayed = delayed;
     bank.sums = sums;
+    bank.silent =
+        std::all_of(delayed - 1, delayed + frames, [](float x) { return x == 0.0F; }) && keepsDenormals();
 }
 
 /// Filters one run; run.newest and run.frames are set.
@@ -295,7 +278,7 @@ HWY_INLINE void filterRun(FIIR_FILTER_tag& filter, SRun& run, SSectionBank& bank
     if (hasSections)
     {
         catchUp(bank);
-        addFurtherBanks(filter, delayed, sectionSums, run.frames);
+        addFurtherBanks(filter, delayed, sectionSums, run.frames, bank.silent);
         finishSections(sectionSums, results, run.frames);
     }
 }

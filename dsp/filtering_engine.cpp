@@ -16,16 +16,6 @@
 
 namespace korvodsp {
 
-namespace {
-
-void scaleColumn(float* column, std::uint32_t frames, std::size_t stride, float gain)
-{
-    for (std::size_t k = 0; k < frames; ++k)
-        column[k * stride] *= gain;
-}
-
-} // namespace
-
 CFilteringEngine::CFilteringEngine(unsigned channels)
     : numChannels(channels)
     , filters(channels)
@@ -285,7 +275,7 @@ bool CFilteringEngine::process(bool bypass, const float* in, float* out, unsigne
 
     const float gain = overallGain.load(std::memory_order_relaxed);
     if (gain != 1.0F) // in every state, and as a step
-        scaleColumn(out + channel, frames, channelCount, gain);
+        rampColumn(out + channel, out + channel, frames, channelCount, {gain, 0.0F});
     return true;
 }
 
