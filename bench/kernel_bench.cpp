@@ -22,8 +22,9 @@ double overPlainLoop(unsigned taps, unsigned sections, unsigned frames, const ch
 double overPeak(unsigned taps, unsigned frames)
 {
     korvobench::CFiirSubject subject(taps, 0, frames, nullptr);
-    const double seconds = korvobench::secondsPerCall([&] { subject.run(); });
-    return 1.0 * taps * frames / seconds / korvobench::multiplyAddPeak();
+    const korvobench::SPeakLoop peak = korvobench::multiplyAddPeak();
+    const double timeOfPeak = korvobench::speedUp([&] { subject.run(); }, peak.run);
+    return timeOfPeak * taps * frames / peak.multiplyAdds;
 }
 
 const std::string kPlainLoop = "plain four-lane loop, one sample at a time";

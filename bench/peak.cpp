@@ -3,8 +3,6 @@
 
 #include <immintrin.h>
 
-#include "bench/ratio.h"
-
 namespace korvobench {
 
 namespace {
@@ -40,23 +38,25 @@ KORVO_PEAK_LOOP(loop128, "sse2", __m128, _mm_set1_ps, _mm_add_ps, _mm_mul_ps)
 
 volatile float s_sink;
 
-double peakOf(void (*loop)(float*), int lanes)
+template<void (*loop)(float*)>
+void runToSink()
 {
-    const double seconds = secondsPerCall([loop] {
-        float result = 0.0F;
-        loop(&result);
-        s_sink = result;
-    });
-    return static_cast<double>(kRounds) * kSums * lanes / seconds;
+    float result = 0.0F;
+    loop(&result);
+    s_sink = result;
 }
+
+constexpr double kMultiplyAddsPerLane = static_cast<double>(kRounds) * kSums;
 
 } // namespace
 
-double multiplyAddPeak()
+SPeakLoop multiplyAddPeak()
 {
     if (__builtin_cpu_supports("avx512f") != 0)
-        return peakOf(loop512, 16);
-    return __builtin_cpu_supports("avx") != 0 ? peakOf(loop256, 8) : peakOf(loop128, 4);
+        return {runToSink<loop512>, 16 * kMultiplyAddsPerLane};
+    if (__builtin_cpu_supports("avx") != 0)
+        return {runToSink<loop256>, 8 * kMultiplyAddsPerLane};
+    return {runToSink<loop128>, 4 * kMultiplyAddsPerLane};
 }
 
 } // namespace korvobench

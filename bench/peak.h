@@ -3,8 +3,14 @@
 
 namespace korvobench {
 
-/// Multiply-adds per second that this machine reaches at best without fusing them: its widest vectors, all
-/// operands in registers, enough independent sums to hide every latency.
-double multiplyAddPeak();
+/// What this machine reaches at best without fusing multiply-adds: its widest vectors, all operands in
+/// registers, enough independent sums to hide every latency.
+struct SPeakLoop
+{
+    void (*run)();
+    double multiplyAdds; ///< per call
+};
+
+SPeakLoop multiplyAddPeak();
 
 } // namespace korvobench
