@@ -8,14 +8,17 @@ namespace korvodsp {
 
 namespace {
 
-float firSumDownwards(const FIIR_FILTER_tag& filter)
+// Both kernels read delayPos once per sample and go on with what they read: FIIR_Reset may set it to 0 from
+// another thread meanwhile.
+
+float firSumDownwards(const FIIR_FILTER_tag& filter, std::uint32_t position)
 {
     const float* taps = filter.firCoefs[0];
-    const std::uint32_t untilWrap = filter.paddedTaps - filter.delayPos;
+    const std::uint32_t untilWrap = filter.paddedTaps - position;
     float sum = 0.0F;
     for (std::uint32_t i = 0; i < untilWrap; ++i)
-        sum += taps[i] * filter.delayLine[filter.delayPos + i];
-    for (std::uint32_t i = 0; i < filter.delayPos; ++i)
+        sum += taps[i] * filter.delayLine[position + i];
+    for (std::uint32_t i = 0; i < position; ++i)
         sum += taps[untilWrap + i] * filter.delayLine[i];
     return sum;
 }
@@ -65,7 +68,7 @@ void FIIR_Ref(void* handle, const float* in, float* out, unsigned frames, unsign
             filter.delayLine[position >= filter.tapPadding ? position - filter.tapPadding
                                                            : length + position - filter.tapPadding];
         filter.delayLine[position] = in[at];
-        const float fir = firSumDownwards(filter);
+        const float fir = firSumDownwards(filter, position);
         filter.delayPos = position == 0 ? length - 1 : position - 1;
         out[at] = addDirectFormTwo(filter, delayed, fir);
     }
@@ -80,7 +83,8 @@ void FIIR_KorvoBaseReference(void* handle, const float* in, float* out, unsigned
     for (unsigned i = 0; i < frames; ++i)
     {
         const std::size_t at = std::size_t{i} * stride + channel;
-        std::uint32_t position = filter.delayPos;
+        const std::uint32_t newest = filter.delayPos;
+        std::uint32_t position = newest;
         filter.delayLine[position] = in[at];
         float fir = 0.0F;
         for (std::uint32_t tap = 0; tap < taps; ++tap)
@@ -91,7 +95,7 @@ void FIIR_KorvoBaseReference(void* handle, const float* in, float* out, unsigned
         const float delayed = filter.delayLine[position];
         const float sum = addDirectFormOne(filter, delayed, fir);
         filter.prevInput = delayed;
-        filter.delayPos = filter.delayPos == taps ? 0 : filter.delayPos + 1;
+        filter.delayPos = newest == taps ? 0 : newest + 1;
         out[at] = sum;
     }
     filter.denormalBias = -filter.denormalBias;
