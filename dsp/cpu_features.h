@@ -4,7 +4,7 @@
 #include <cstdint>
 
 /// Numbers of the flags below. The names say what each flag is asked for.
-enum ssp_cpu_feature
+enum ssp_cpu_feature : int
 {
     ssp_feature_none = 0, ///< never set
     ssp_feature_sse = 1,

@@ -107,22 +107,26 @@ void cook(const FIIR_SECTION_tag& section, float* groups, std::size_t index)
 
 using FloatBuffer = std::unique_ptr<float, decltype(&alignedFree)>;
 
-/// Taps that the stream does not give stay zero.
+/// Taps that the stream does not give stay zero. At its end no more are asked for: a count gone wrong would
+/// keep this busy for long.
 FloatBuffer scanTaps(unsigned count, int (*scan)(void*, const char*, ...), void* stream)
 {
     FloatBuffer taps(static_cast<float*>(alignedAllocZeroed(count * sizeof(float))), alignedFree);
-    for (unsigned i = 0; taps && i < count; ++i)
-        scan(stream, "%f", taps.get() + i);
+    int result = 0;
+    for (unsigned i = 0; taps && i < count && result != EOF; ++i)
+        result = scan(stream, "%f", taps.get() + i);
     return taps;
 }
 
+/// Coefficients that the stream does not give are zero, and not those of the section before.
 /// @return the number of sections that found no memory
 unsigned scanSections(void* handle, int (*scan)(void*, const char*, ...), void* stream)
 {
     unsigned discarded = 0;
-    float coefs[kCoefsPerSection] = {};
-    while (scan(stream, "%f", &coefs[0]) >= 1)
+    float first = 0.0F;
+    while (scan(stream, "%f", &first) >= 1)
     {
+        float coefs[kCoefsPerSection] = {first};
         for (unsigned i = 1; i < kCoefsPerSection; ++i)
             scan(stream, "%f", &coefs[i]);
         if (!FIIR_AddBQSection(handle, coefs))

@@ -20,7 +20,7 @@
 /// trusted, not checked; one thread at a time may run a kernel on one.
 namespace korvodsp {
 
-enum EInit
+enum EInit : int
 {
     kInitAuto = 0,         ///< FIIR_SSE where the processor has it, else FIIR_Ref
     kInitSSE = 1,          ///< FIIR_SSE
@@ -103,6 +103,7 @@ void FIIR_Discard(void* handle);
 
 /// Builds a filter from text: the number of taps, the taps, then a1 a2 b0 b1 of each section up to the end.
 /// @param scan  reads from `stream` as fscanf() does
+/// Taps and coefficients that the text does not give are 0.
 /// @return false without memory or for a number of taps that is 0 or cannot be had; *handle is unchanged then
 bool FIIR_Init(EInit kind, void** handle, int (*scan)(void* stream, const char* format, ...), void* stream);
 

@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <fstream>
 #include <limits>
 #include <string>
 #include <vector>
@@ -174,6 +175,13 @@ TEST(FiirFilter, ChoosesTheKernelAtCreation)
     EXPECT_NE(static_cast<FIIR_FILTER_tag*>(handle)->process, &FIIR_Ref);
     EXPECT_TRUE(FIIR_IsHandleValid(handle));
     FIIR_Discard(handle);
+    for (const int unknown : {-1, 4, 1000})
+    {
+        ASSERT_TRUE(FIIR_InitRaw(static_cast<EInit>(unknown), &handle));
+        EXPECT_EQ(static_cast<FIIR_FILTER_tag*>(handle)->process, nullptr);
+        EXPECT_TRUE(FIIR_IsHandleValid(handle));
+        FIIR_Discard(handle);
+    }
 }
 
 TEST(FiirFilter, KeepsRotatedCopiesOfTheTapsTwiceInARow)
@@ -283,6 +291,34 @@ TEST(FiirText, IsReadUpToItsEnd)
     EXPECT_EQ(static_cast<FIIR_FILTER_tag*>(raw)->denormalBias, 1e-20F); // it was reset
 }
 
+TEST(FiirText, StandsForZerosWhereItGivesNothing)
+{
+    const korvotest::CTempFolder folder;
+    struct SText
+    {
+        const char* text;
+        std::vector<float> taps;
+        std::vector<float> lastSection;
+    };
+    for (const auto& [text, taps, lastSection] :
+         {SText{"3 1 2", {1, 2, 0}, {}}, SText{"2 1 x 3 4 5 6", {1, 0}, {}}, SText{"1e9", {0}, {}},
+          SText{"1 1  5 6 7 8  9 10", {1}, {9, 10, 0, 0}}, SText{"1 1  5 6 7 8  9 x", {1}, {9, 0, 0, 0}}})
+    {
+        void* raw = nullptr;
+        ASSERT_TRUE(FIIR_InitWithFile(kInitAuto, &raw, folder.write("f", text).c_str())) << text;
+        const FiirHandle filter(raw, FIIR_Discard);
+        const float* values = nullptr;
+        ASSERT_EQ(FIIR_GetFIRCoefficients(raw, &values), taps.size()) << text;
+        EXPECT_EQ(std::vector<float>(values, values + taps.size()), taps) << text;
+        const unsigned sections = FIIR_GetNumOfBQSections(raw);
+        ASSERT_EQ(sections != 0, !lastSection.empty()) << text;
+        if (sections == 0)
+            continue;
+        ASSERT_TRUE(FIIR_EnumBQSection(raw, sections - 1, &values)) << text;
+        EXPECT_EQ(std::vector<float>(values, values + 4), lastSection) << text;
+    }
+}
+
 TEST(FiirText, IsRefusedWithoutTapsAndLeavesTheHandleAlone)
 {
     const korvotest::CTempFolder folder;
@@ -324,6 +360,25 @@ TEST(CpuFeatures, OneByOneAndTogetherAgree)
     EXPECT_FALSE(ssp_is_supported(ssp_feature_none));
     EXPECT_TRUE(ssp_is_supported(ssp_feature_sse)); // every processor that runs 64-bit code sets that bit
     EXPECT_FALSE(ssp_is_supported(ssp_feature_count));
+    EXPECT_FALSE(ssp_is_supported(static_cast<ssp_cpu_feature>(-1)));
+}
+
+/// The flags by the bits that they are taken from, under the names that the system has for those bits.
+TEST(CpuFeatures, AreTheBitsThatTheSystemNames)
+{
+    std::ifstream file("/proc/cpuinfo");
+    std::string line;
+    while (std::getline(file, line) && line.rfind("flags", 0) != 0)
+    {
+    }
+    if (line.rfind("flags", 0) != 0)
+        GTEST_SKIP() << "the system does not say";
+    const char* const names[] = {nullptr, "fxsr", "sse", "pni", "tm2", "est", "dca", "sse4_1", "sdbg"};
+    const ssp_cpu_features features = ssp_get_cpuid();
+    for (int feature = 1; feature < ssp_feature_count; ++feature)
+        EXPECT_EQ(features.flags[feature] != 0,
+                  (line + ' ').find(' ' + std::string(names[feature]) + ' ') != std::string::npos)
+            << names[feature];
 }
 
 } // namespace
