@@ -18,7 +18,7 @@ unsigned int CEventBase::hash(std::type_info const& type)
         value *= 0x811C9DC5U;
         value ^= static_cast<std::uint32_t>(static_cast<signed char>(*c));
     }
-    CTypeHolder::instance().emplace(value, name);
+    CTypeHolder::instance().try_emplace(value, name);
     return value;
 }
 

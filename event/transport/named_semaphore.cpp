@@ -11,6 +11,8 @@
 #include <mutex>
 #include <string>
 
+#include "event/transport/deadline.h"
+
 namespace event::transport {
 
 namespace {
@@ -62,20 +64,6 @@ std::string withSlash(const char* name)
     return name[0] == '/' ? name : std::string("/") + name;
 }
 
-timespec monotonicAfter(unsigned int timeoutMs)
-{
-    timespec time = {};
-    ::clock_gettime(CLOCK_MONOTONIC, &time);
-    time.tv_sec += timeoutMs / 1000;
-    time.tv_nsec += static_cast<long>(timeoutMs % 1000) * 1000000;
-    if (time.tv_nsec > 999999999)
-    {
-        time.tv_nsec -= 1000000000;
-        ++time.tv_sec;
-    }
-    return time;
-}
-
 } // namespace
 
 SemaphoreHandle createNamedSemaphore(const char* name)
@@ -102,7 +90,9 @@ bool signalSemaphore(SemaphoreHandle handle)
 bool waitForSemaphore(SemaphoreHandle handle, unsigned int timeoutMs)
 {
     // The monotonic clock: setting the wall clock must not stretch a wait.
-    const timespec deadline = monotonicAfter(timeoutMs);
+    timespec now = {};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    const timespec deadline = deadlineAfter(now, timeoutMs);
     sem_t* semaphore = find(handle);
     if (semaphore == nullptr)
     {

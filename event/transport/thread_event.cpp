@@ -2,6 +2,7 @@
 #include "event/transport/thread_event.h"
 
 #include <pthread.h>
+#include <sys/time.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -46,7 +47,7 @@ bool Event::wait(unsigned int timeoutMs)
     {
         timeval now = {};
         gettimeofday(&now, nullptr);
-        const timespec deadline = deadlineAfter(now, timeoutMs);
+        const timespec deadline = deadlineAfter({now.tv_sec, now.tv_usec * 1000}, timeoutMs);
         while (!block->signalled)
         {
             // Meant: on a time-out the flag is not looked at again; a notification stays for the next wait.

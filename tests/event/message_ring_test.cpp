@@ -255,10 +255,17 @@ TEST(IpcStorageThreads, TwoMappingsOfOneRingAgree)
 TEST(LocalStorage, PurgeForgetsMessages)
 {
     LocalStorage ring(kSmall);
-    ring.post(ring.allocMsgMem(10));
+    for (int i = 0; i < 4; ++i) // until both sides have looked at the other's counter
+        ring.post(ring.allocMsgMem(1000));
+    EXPECT_EQ(ring.allocMsgMem(1000), nullptr);
+    ASSERT_NE(ring.nextMessage(), nullptr);
+    ring.advanceToNext();
+    ring.post(ring.allocMsgMem(1000));
     ring.purge();
     EXPECT_EQ(ring.nextMessage(), nullptr);
     EXPECT_EQ(ring.usedBytes(), 0U);
+    ring.post(ring.allocMsgMem(kSmall - 8));
+    EXPECT_EQ(ring.allocMsgMem(0), nullptr) << "and how much was free before";
 }
 
 TEST(IpcStorage, LaysItsBytesOutForOtherProcesses)
@@ -354,29 +361,36 @@ TEST(IpcStorage, AnImpossibleSlotEndsNeitherInALoopNorOutsideTheRing)
     EXPECT_FALSE(ends.reader.good());
 }
 
-TEST(IpcStorage, ANewServerTakesOverWhatACrashedOneLeft)
+TEST(IpcStorage, ANewServerTakesOverWhatAnOlderOneLeft)
 {
     const CSharedNames names;
     const std::string ring = names.name("ring");
     EXPECT_FALSE(IpcStorage(kSmall, ring.c_str(), true).good()) << "no server yet";
-    CChild crashing([&] {
-        IpcStorage server(kSmall, ring.c_str(), false);
-        server.post(server.allocMsgMem(40));
-        return kill(getpid(), SIGKILL);
-    });
-    EXPECT_EQ(crashing.wait(std::chrono::seconds(20)), 128 + SIGKILL);
-    IpcStorage client(kSmall, ring.c_str(), true);
-    EXPECT_EQ(client.usedBytes(), 48U);
-    auto server = std::make_unique<IpcStorage>(kSmall, ring.c_str(), false);
-    EXPECT_EQ(client.usedBytes(), 0U);
-    client.post(client.allocMsgMem(8));
-    EXPECT_NE(server->nextMessage(), nullptr);
-    server.reset();
-    EXPECT_NE(client.allocMsgMem(8), nullptr) << "the client's mapping outlives the name";
-    EXPECT_FALSE(IpcStorage(kSmall, ring.c_str(), true).good());
-    client.cleanup();
-    client.cleanup();
-    EXPECT_FALSE(client.good());
+    for (const unsigned int bytesLeft : {4U, kSmall, kSmall + 8, 65544U})
+    {
+        SCOPED_TRACE(bytesLeft);
+        long left = VirtMem::INVALID_NATIVE_HANDLE;
+        auto* head = static_cast<std::uint32_t*>(VirtMem::alloc(bytesLeft, ring.c_str(), VirtMem::kOpenCreate,
+                                                                VirtMem::kProtReadWrite, true, left));
+        ASSERT_NE(head, nullptr);
+        *head = 48;
+        EXPECT_EQ(IpcStorage(kSmall, ring.c_str(), true).good(), bytesLeft >= kSmall + 8)
+            << "too short to be written to";
+        auto server = std::make_unique<IpcStorage>(kSmall, ring.c_str(), false);
+        ASSERT_TRUE(server->good());
+        EXPECT_EQ(server->usedBytes(), 0U);
+        EXPECT_EQ(*head, 0U) << "the object itself, so that clients stay attached";
+        IpcStorage client(kSmall, ring.c_str(), true);
+        ASSERT_TRUE(client.good());
+        server.reset();
+        EXPECT_NE(client.allocMsgMem(8), nullptr) << "the client's mapping outlives the name";
+        EXPECT_FALSE(IpcStorage(kSmall, ring.c_str(), true).good());
+        client.cleanup();
+        client.cleanup();
+        EXPECT_FALSE(client.good());
+        VirtMem::unmap(head, bytesLeft);
+        VirtMem::close(left);
+    }
 }
 
 TEST(IpcStorage, RefusesWhatCannotBeARing)
@@ -391,14 +405,9 @@ TEST(IpcStorage, RefusesWhatCannotBeARing)
     EXPECT_TRUE(IpcStorage(kSmall, cut.c_str(), false).good()) << "a name of middle length is cut";
     EXPECT_FALSE(IpcStorage(kSmall, cut.c_str(), true).good()) << "and removed under the same cut";
 
-    // An object that its creator has not sized yet: touching it would be a bus error.
     long handle = VirtMem::INVALID_NATIVE_HANDLE;
-    VirtMem::alloc(4096, names.name("young").c_str(), VirtMem::kOpenCreateExclusive, VirtMem::kProtReadWrite,
-                   true, handle);
-    ASSERT_EQ(ftruncate(static_cast<int>(handle), 0), 0);
-    EXPECT_FALSE(IpcStorage(kSmall, names.name("young").c_str(), true).good());
-    EXPECT_TRUE(VirtMem::close(handle));
-    EXPECT_EQ(VirtMem::alloc(4096, names.name("young").c_str(), VirtMem::kOpenCreateExclusive,
+    const IpcStorage taken(kSmall, names.name("taken").c_str(), false);
+    EXPECT_EQ(VirtMem::alloc(4096, names.name("taken").c_str(), VirtMem::kOpenCreateExclusive,
                              VirtMem::kProtReadWrite, true, handle),
               nullptr)
         << "exclusive means that";

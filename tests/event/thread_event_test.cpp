@@ -28,10 +28,10 @@ TEST(ThreadEvent, RemembersOneNotification)
 
 TEST(ThreadEvent, CarriesMicrosecondsIntoTheSecond)
 {
-    const timespec carried = event::transport::deadlineAfter({100, 600000}, 1500);
+    const timespec carried = event::transport::deadlineAfter({100, 600000000}, 1500);
     EXPECT_EQ(carried.tv_sec, 102);
     EXPECT_EQ(carried.tv_nsec, 100000000);
-    const timespec plain = event::transport::deadlineAfter({100, 499999}, 2500);
+    const timespec plain = event::transport::deadlineAfter({100, 499999000}, 2500);
     EXPECT_EQ(plain.tv_sec, 102);
     EXPECT_EQ(plain.tv_nsec, 999999000);
 }
