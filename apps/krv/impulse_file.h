@@ -41,8 +41,9 @@ struct SImpulseRequest
 /// are silent.
 int framesToRemove(const SImpulseFile& file, const SImpulseRequest& request);
 
-/// Writes the frames of request.input from `removed` on to request.output, in the sample format of the input
-/// and so without loss; for a shift, with silence at the end. OUT appears when it is complete, or not at all.
+/// Writes the frames of request.input from `removed` on to request.output; for a shift, with silence at the
+/// end. Integers of 16, 24 and 32 bits and 32-bit floats keep their format and so every bit; all else, 64-bit
+/// floats among it, comes out as 32-bit floats. OUT appears when it is complete, or not at all.
 void writeEdited(const SImpulseRequest& request, int removed);
 
 } // namespace krv

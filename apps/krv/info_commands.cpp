@@ -32,7 +32,7 @@ void printMode(CProcessor& processor, std::uint32_t mode)
     const float latency = processor.latencyMs();
     std::cout << rateList(processor.rates()) << "; latency "
               << (latency < 0.0F ? "unknown" : formatted("%.2f ms", static_cast<double>(latency)))
-              << formatted("; maximum gain %.1f dB\n", static_cast<double>(processor.maxGainDb()));
+              << "; maximum gain " << decibels(static_cast<double>(processor.maxGainDb()), 1) << '\n';
 }
 
 void printInfo(const std::string& filter)

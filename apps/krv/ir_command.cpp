@@ -9,7 +9,6 @@
 #include "apps/krv/command.h"
 #include "apps/krv/impulse_file.h"
 #include "apps/krv/text.h"
-#include "dsp/measurer.h"
 #include "toolbox/helpers.h"
 #include "toolbox/impulse_response.h"
 
@@ -17,9 +16,37 @@ namespace krv {
 
 namespace {
 
-std::string decibels(float linear)
+std::string linearAsDecibels(double linear)
 {
-    return formatted("%.2f dB", 20.0 * std::log10(static_cast<double>(linear)));
+    return decibels(20.0 * std::log10(linear), 2);
+}
+
+/// In double precision, which squares every float without overflow or underflow.
+double rootMeanSquare(const std::vector<float>& channel)
+{
+    double sum = 0.0;
+    for (const float sample : channel)
+        sum += static_cast<double>(sample) * static_cast<double>(sample);
+    return std::sqrt(sum / static_cast<double>(channel.size()));
+}
+
+/// The zero crossing next to the peak; -1 if there is none on that side.
+int zeroCrossing(std::vector<float>& channel, int peak, bool before)
+{
+    const int length = static_cast<int>(channel.size());
+    const auto at = [&](int index) { return channel[static_cast<std::size_t>(index)]; };
+    const auto hasPeaksSign = [&](int index) { return at(peak) > 0.0F ? at(index) > 0.0F : at(index) < 0.0F; };
+    int from = peak;
+    // The search starts at index 1 at the earliest.
+    if (!before && peak == 0 && length > 1)
+    {
+        if (!hasPeaksSign(1))
+            return 1;
+        from = 1;
+    }
+    const int found = korvotoolbox::findIdxOfZeroCrossingBeforeOrAfterIdx(channel.data(), length, from, before);
+    // At the end of the response the search gives up with its last sample.
+    return found == (before ? 0 : length - 1) && hasPeaksSign(found) ? -1 : found;
 }
 
 /// "4000  (83.333 ms)"
@@ -31,29 +58,25 @@ std::string place(int index, std::uint32_t rate)
 void printChannel(std::vector<float>& channel, std::uint32_t rate, float level)
 {
     const int length = static_cast<int>(channel.size());
-    korvodsp::CFMeasurer meter(static_cast<unsigned>(length));
-    meter.process(channel.data(), static_cast<unsigned>(length));
     const int peak = korvotoolbox::maxAbsIdx(channel.data(), length);
-    const auto crossing = [&](bool before) {
-        return korvotoolbox::findIdxOfZeroCrossingBeforeOrAfterIdx(channel.data(), length, peak, before);
-    };
-    if (channel[static_cast<std::size_t>(peak)] == 0.0F)
+    const double value = static_cast<double>(channel[static_cast<std::size_t>(peak)]);
+    if (value == 0.0)
     {
         std::cout << "    level             silent\n";
         return;
     }
-    std::cout << "    level             " << decibels(meter.getCurrentPeak()) << " peak, "
-              << decibels(meter.getCurrentRMS()) << " RMS\n"
+    std::cout << "    level             " << linearAsDecibels(std::fabs(value)) << " peak, "
+              << linearAsDecibels(rootMeanSquare(channel)) << " RMS\n"
               << "    peak              " << place(peak, rate)
-              << formatted("  value %+.6g\n", static_cast<double>(channel[static_cast<std::size_t>(peak)]))
+              << formatted("  value %+.6g\n", value)
               << "    start, level      "
               << place(korvotoolbox::findIdxWhereAbsFirstExceeds(channel.data(), length, level), rate)
               << formatted("  first at %g of the peak\n", static_cast<double>(level))
               << "    start, threshold  "
               << place(korvotoolbox::findIdxOfDataStart(channel.data(), length), rate)
               << "  last below 0.01 before 0.07 of the peak\n"
-              << "    zero crossings    " << place(crossing(true), rate) << " and "
-              << place(crossing(false), rate) << " around the peak\n";
+              << "    zero crossings    " << place(zeroCrossing(channel, peak, true), rate) << " and "
+              << place(zeroCrossing(channel, peak, false), rate) << " around the peak\n";
 }
 
 void printResponse(SImpulseFile& file, const SImpulseRequest& request)
@@ -105,7 +128,7 @@ SImpulseRequest checkedRequest(const SIrOptions& options)
           formatted("--level: %g is no fraction of the peak; it may be above 0 and up to 1",
                     static_cast<double>(request.level)));
     usage(!(request.margin >= 0.0F && std::isfinite(request.margin)),
-          formatted("--margin: %g ms is out of range; it may be 0 or more",
+          formatted("--margin: %g ms is out of range; it may be 0 or more, and finite",
                     static_cast<double>(request.margin)));
     usage(options.trim && options.shift, "--trim and --shift exclude each other; give one of them");
     usage(options.filtered && !options.trim,
@@ -148,7 +171,8 @@ void addIrCommand(CLI::App& program)
     command->add_option("IN", request.input, "Impulse response at 44100, 48000, 88200 or 96000 Hz")
         ->required();
     command->add_option("OUT", request.output,
-                        "File to write in the sample format of IN, in .wav, .flac, .aiff, .aif or .w64");
+                        "File to write, in .wav, .flac, .aiff, .aif or .w64. Samples of 16, 24 or 32 bits stay as they "
+                        "are; all others are written as 32-bit floats");
     command->add_flag(
         "--trim", options->trim,
         "Cuts the front, by default at the last sample below 0.01 of the peak that lies before the first "

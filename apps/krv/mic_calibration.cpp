@@ -20,8 +20,10 @@ namespace krv {
 
 namespace {
 
-constexpr std::string_view kBlanks = " \t\r\v\f";
-constexpr std::string_view kSeparators = " \t,;\r\v\f";
+constexpr std::string_view kBlanks = " \t\v\f";
+constexpr std::string_view kSeparators = " \t,;\v\f";
+constexpr std::string_view kLineEnds = "\r\n";
+constexpr std::string_view kCommentMarks = "#*\"";
 /// A calibration has some hundred lines; what is much longer was given by mistake.
 constexpr std::size_t kMaxBytes = 16U << 20;
 
@@ -33,11 +35,14 @@ constexpr std::size_t kMaxBytes = 16U << 20;
 /// A piece of the file that is fit for a terminal.
 std::string shown(std::string_view text)
 {
-    constexpr std::size_t kMost = 40;
-    std::string copy(text.substr(0, kMost));
+    std::size_t most = 40;
+    // Bytes of the form 10xxxxxx continue a character of UTF-8.
+    while (most > 0 && most < text.size() && (static_cast<unsigned char>(text[most]) & 0xC0) == 0x80)
+        --most;
+    std::string copy(text.substr(0, most));
     for (char& letter : copy)
         letter = std::iscntrl(static_cast<unsigned char>(letter)) ? '?' : letter;
-    return inQuotes(copy + (text.size() > kMost ? "..." : ""));
+    return inQuotes(copy + (text.size() > most ? "..." : ""));
 }
 
 /// Takes the next value off the front of `rest`, with the separators around it.
@@ -62,14 +67,39 @@ std::optional<float> toNumber(std::string_view field)
 }
 
 /// True for "20,5 <tab> -1,2" and "20,5;-1,2": a comma right between two digits, in a line whose values are
-/// kept apart by something else, would silently be read as two columns.
+/// kept apart by something else, would silently be read as two columns. Who writes decimal points has no
+/// decimal commas.
 bool hasDecimalComma(std::string_view line)
 {
     const auto isDigit = [&](std::size_t i) { return i < line.size() && line[i] >= '0' && line[i] <= '9'; };
     bool betweenDigits = false;
     for (std::size_t i = 1; i < line.size(); ++i)
         betweenDigits = betweenDigits || (line[i] == ',' && isDigit(i - 1) && isDigit(i + 1));
-    return betweenDigits && line.find_first_of(" \t;") != std::string_view::npos;
+    return betweenDigits && line.find('.') == std::string_view::npos &&
+           line.find_first_of(" \t;") != std::string_view::npos;
+}
+
+/// Takes the next line off the front of `rest`. Lines end with \n, \r\n, or, on old machines, \r.
+std::string_view takeLine(std::string_view& rest)
+{
+    const std::string_view line = rest.substr(0, rest.find_first_of(kLineEnds));
+    rest.remove_prefix(line.size());
+    rest.remove_prefix(rest.starts_with("\r\n") ? 2 : std::min<std::size_t>(1, rest.size()));
+    return line;
+}
+
+/// The line without its comment and the blanks around what is left.
+std::string_view contentOf(std::string_view line)
+{
+    for (std::size_t mark = line.find_first_of(kCommentMarks); mark != std::string_view::npos;
+         mark = line.find_first_of(kCommentMarks, mark + 1))
+    {
+        if (mark == 0 || kSeparators.find(line[mark - 1]) != std::string_view::npos)
+            line = line.substr(0, mark);
+    }
+    line.remove_prefix(std::min(line.find_first_not_of(kBlanks), line.size()));
+    line.remove_suffix(line.size() - (line.find_last_not_of(kBlanks) + 1));
+    return line;
 }
 
 SMicPoint parseLine(std::string_view line, int number, const std::string& path)
@@ -133,11 +163,8 @@ std::vector<SMicPoint> readMicPoints(const std::string& path)
     std::vector<SMicPoint> points;
     for (int number = 1; !rest.empty(); ++number)
     {
-        std::string_view line = rest.substr(0, rest.find('\n'));
-        rest.remove_prefix(std::min(line.size() + 1, rest.size()));
-        line.remove_prefix(std::min(line.find_first_not_of(kBlanks), line.size()));
-        line.remove_suffix(line.size() - (line.find_last_not_of(kBlanks) + 1));
-        if (!line.empty() && std::string_view("#*\"").find(line[0]) == std::string_view::npos)
+        const std::string_view line = contentOf(takeLine(rest));
+        if (!line.empty())
             points.push_back(parseLine(line, number, path));
     }
     return points;

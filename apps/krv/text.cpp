@@ -2,6 +2,7 @@
 #include "apps/krv/text.h"
 
 #include <cctype>
+#include <cmath>
 #include <cstdio>
 
 namespace krv {
@@ -38,6 +39,13 @@ std::string sndfileReason(SNDFILE* file)
            (reason.back() == '.' || std::isspace(static_cast<unsigned char>(reason.back()))))
         reason.pop_back();
     return reason;
+}
+
+std::string decibels(double level, int digits)
+{
+    const double steps = std::pow(10.0, digits);
+    // The sum turns a negative zero into a positive one.
+    return formatted("%.*f dB", digits, std::round(level * steps) / steps + 0.0);
 }
 
 std::string counted(std::uint64_t count, const std::string& noun)

@@ -25,6 +25,9 @@ std::string rateList(const std::vector<std::uint32_t>& rates);
 /// What libsndfile says about its last failure, fit for the middle of a sentence. Null: about the last open.
 std::string sndfileReason(SNDFILE* file);
 
+/// "-2.50 dB"; what rounds to zero has no sign.
+std::string decibels(double level, int digits);
+
 /// "2 channels", "1 channel"
 std::string counted(std::uint64_t count, const std::string& noun);
 

@@ -94,7 +94,7 @@ TEST_F(Commands, TimeEveryRateAndBlockLength)
 
 TEST_F(Commands, HelpAndSayTheirVersion)
 {
-    for (const char* command : {"", "render", "info", "filters", "bench"}) {
+    for (const char* command : {"", "render", "info", "filters", "ir", "mic", "bench"}) {
         for (const char* flag : {"--help", "--version"}) {
             std::vector<std::string> arguments = {command, flag};
             std::erase(arguments, "");

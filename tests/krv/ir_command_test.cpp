@@ -64,6 +64,31 @@ TEST_F(IrCommand, ShowsWhereEachChannelStarts)
         EXPECT_THAT(result.out, HasSubstr(part));
 }
 
+TEST_F(IrCommand, ShowsLevelsAndCrossingsAtTheEdges)
+{
+    struct SCase
+    {
+        std::vector<double> samples;
+        std::vector<const char*> parts;
+    };
+    const SCase cases[] = {
+        {{0.1, 0.5, 1.0, 0.5}, {" 0.00 dB peak", "none and none"}},
+        {{1.0, -0.5, 0.0, 0.0}, {"none and 1 "}},
+        {{-1.0, -0.5, 0.5, 0.0}, {"none and 2 "}},
+        {{0.0, 0.5, 1.0, 0.0}, {"    0  (0.000 ms) and 3 "}},
+        {{0.9999, 0.9999, -0.9999, 0.9999}, {" 0.00 dB peak, 0.00 dB RMS"}},
+        {{0.0, 1e-30, 0.0, 0.0}, {"-600.00 dB peak, -606.02 dB RMS"}},
+        {{0.0, 1e30, 0.0, 0.0}, {"600.00 dB peak, 593.98 dB RMS"}},
+    };
+    for (const SCase& c : cases)
+    {
+        writeAudio(m_folder.path() / "in.wav", {SF_FORMAT_WAV | SF_FORMAT_FLOAT, 48000, 1, c.samples});
+        const SProgramResult result = krv({"ir", at("in.wav")});
+        for (const char* part : c.parts)
+            EXPECT_THAT(result.out, HasSubstr(part));
+    }
+}
+
 TEST_F(IrCommand, CutsAndShiftsAllChannelsAlikeWithoutLoss)
 {
     struct SCase
@@ -125,6 +150,7 @@ TEST_F(IrCommand, RefusesWhatItCannotDoAndLeavesNoFile)
         {{"in.wav", "out.wav", "--trim", "--level", "0"}, 2, "--level"},
         {{"in.wav", "out.wav", "--trim", "--level", "nan"}, 2, "--level"},
         {{"in.wav", "out.wav", "--trim", "--margin", "-1"}, 2, "--margin"},
+        {{"in.wav", "out.wav", "--trim", "--margin", "inf"}, 2, "finite"},
         {{"in.wav", "out.xyz", "--trim"}, 2, ".wav, .flac"},
         {{"in.wav", "in.wav", "--trim"}, 2, "same file"},
         {{"in.wav", "none/out.wav", "--trim"}, 1, "none/out.wav"},
@@ -152,7 +178,10 @@ TEST_F(MicCommand, ReadsWhatMeasurementProgramsWrite)
     const std::string files[] = {"\xEF\xBB\xBF\"Sens Factor =-1.2dB\"\r\n* Freq, dB\r\n\r\n  # x\r\n" +
                                      table("\t", "", "\r\n"),
                                  table(", ", ", 12.5", "\n"), table(";", ";12.5;more", "\n"),
-                                 table(",", "", "\n"), table("  ", " ", "\n") + "*"};
+                                 table(",", "", "\n"), table("  ", " ", "\n") + "*",
+                                 table(",", ", 0.0", "\n"), table(",", ",text with blanks", "\n"),
+                                 table(",", " dB", "\n"), table(",", " # 20,5 c", "\n"),
+                                 table("\t", " *", "\r") + "\r# 20"};
     for (const std::string& text : files)
     {
         const SProgramResult result = krv({"mic", m_folder.write("mic.txt", text).string()});
@@ -164,7 +193,7 @@ TEST_F(MicCommand, ReadsWhatMeasurementProgramsWrite)
 TEST_F(MicCommand, NamesTheRuleAndTheLine)
 {
     const std::string rise = "100 0\n200 0\n300 0\n400 0\n500 0\n600 0\n";
-    const std::pair<std::string, std::vector<const char*>> cases[] = {
+    const std::pair<std::string, std::vector<std::string>> cases[] = {
         {"", {"0 points", "at least 8"}},
         {"# c\n20 0\n" + rise, {"7 points", "line 8"}},
         {"20 0\n" + rise + "600 0\n20000 0\n", {"line 8", "must rise"}},
@@ -175,6 +204,8 @@ TEST_F(MicCommand, NamesTheRuleAndTheLine)
         {"20 0\n30,5\t0,5\n", {"line 2", "decimal point"}},
         {"20 0\nfreq dB\n", {"line 2", "'freq'", "frequency in Hz"}},
         {"20 0\n\n30\n", {"line 3", "missing", "level in dB"}},
+        {"20 0\r\n30 # x\r\n", {"line 2", "a value is missing", "level in dB"}},
+        {std::string(39, 'x') + "\xC3\xA4 0", {"line 1", "'" + std::string(39, 'x') + "...'"}},
         {"20 nan\n", {"line 1", "'nan'"}},
         {"20 1e99\n", {"line 1", "'1e99'"}},
         {std::string("\xFF\xFE"
@@ -185,7 +216,7 @@ TEST_F(MicCommand, NamesTheRuleAndTheLine)
     {
         const SProgramResult result = krv({"mic", m_folder.write("mic.txt", text).string()});
         EXPECT_EQ(result.exitCode, 1);
-        for (const char* part : parts)
+        for (const std::string& part : parts)
             EXPECT_THAT(result.err, AllOf(HasSubstr("mic.txt"), HasSubstr(part))) << text;
     }
     EXPECT_THAT(krv({"mic", "/dev/zero"}).err, HasSubstr("16 MiB"));
