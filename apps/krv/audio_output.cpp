@@ -13,6 +13,7 @@
 #include <system_error>
 
 #include "apps/krv/command.h"
+#include "apps/krv/interrupt.h"
 #include "apps/krv/text.h"
 
 namespace krv {
@@ -166,12 +167,13 @@ CAudioOutput::CAudioOutput(const SOutputForm& form, const CAudioInput& input)
     m_descriptor = mkostemp(m_growing.data(), O_CLOEXEC);
     if (m_descriptor < 0)
         throw CCommandError(kExitFailed, inQuotes(form.path) + " cannot be made: " + std::strerror(errno));
+    removeIfKilled(m_growing.c_str());
     SF_INFO info = sndfileInfo(form);
     SF_VIRTUAL_IO io = virtualFile();
     m_file.reset(sf_open_virtual(&io, SFM_WRITE, &info, this));
     if (m_file == nullptr || fchmod(m_descriptor, newFileMode()) != 0) {
         const std::string reason = m_error != 0 ? std::strerror(m_error) : sndfileReason(nullptr);
-        unlink(m_growing.c_str());
+        removeUnfinished();
         close(m_descriptor);
         throw CCommandError(kExitFailed, inQuotes(form.path) + " cannot be made: " + reason);
     }
@@ -186,7 +188,13 @@ CAudioOutput::~CAudioOutput()
     if (m_descriptor >= 0)
         close(m_descriptor);
     if (!m_growing.empty())
-        unlink(m_growing.c_str());
+        removeUnfinished();
+}
+
+void CAudioOutput::removeUnfinished()
+{
+    unlink(m_growing.c_str());
+    removeIfKilled(nullptr);
 }
 
 void CAudioOutput::copyDescription(const CAudioInput& input)
@@ -246,6 +254,7 @@ void CAudioOutput::finish()
         m_error = errno;
     if (m_error != 0)
         throwNotWritten();
+    removeIfKilled(nullptr);
     m_growing.clear();
 }
 

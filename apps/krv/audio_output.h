@@ -52,6 +52,7 @@ public:
 private:
     static SF_VIRTUAL_IO virtualFile();
     [[noreturn]] void throwNotWritten() const;
+    void removeUnfinished();
     void copyDescription(const CAudioInput& input);
 
     SOutputForm m_form;

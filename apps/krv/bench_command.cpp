@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <iostream>
 #include <memory>
 #include <random>
@@ -122,13 +123,15 @@ std::uint32_t filterChannels(const std::string& filter)
 
 void run(SBenchRequest request)
 {
+    if (std::isnan(request.seconds))
+        throw CCommandError(kExitUsage, "--seconds: nan is no time; it may be 0.001 to 60");
     if (request.channels == 0)
         request.channels = filterChannels(request.filter);
     CProcessor processor(SBlockForm{.channels = request.channels, .frames = *std::rbegin(kBlockFrames)});
     processor.load(request.filter);
     processor.requireMode(request.mode);
     if (!request.json) {
-        std::cout << inQuotes(processor.filterName()) << ", mode " << request.mode << ", "
+        std::cout << inQuotes(printable(processor.filterName())) << ", mode " << request.mode << ", "
                   << counted(request.channels, "channel")
                   << ": time per block as a share of real time on one core\n";
     }
@@ -154,7 +157,7 @@ void addBenchCommand(CLI::App& program)
                      "Path of a filter document, or index or name from 'krv filters'")
         ->required();
     command->add_option("--mode", request->mode, "1: the filter's standard sets, 2: its minimum-phase sets")
-        ->check(CLI::IsMember({1, 2}))
+        ->check(CLI::IsMember({"1", "2"}))
         ->capture_default_str();
     command
         ->add_option("--channels", request->channels,

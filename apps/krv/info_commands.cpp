@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include <CLI/CLI.hpp>
 
-#include <filesystem>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 #include <iostream>
 #include <memory>
 
@@ -39,11 +42,18 @@ void printInfo(const std::string& filter)
 {
     CProcessor processor(SBlockForm{.channels = KRV_MAX_CHANNELS});
     processor.load(filter);
-    std::cout << processor.filterName() << '\n'
+    std::cout << printable(processor.filterName()) << '\n'
               << "  file      " << processor.filterPath() << '\n'
               << "  channels  " << channelText(processor.routing()) << '\n';
     printMode(processor, 1);
     printMode(processor, 2);
+}
+
+std::string folderState(const std::string& folder)
+{
+    if (access(folder.c_str(), R_OK | X_OK) == 0)
+        return " holds none";
+    return errno == ENOENT ? " is not there" : std::string(" cannot be read: ") + std::strerror(errno);
 }
 
 void printFilters()
@@ -54,13 +64,9 @@ void printFilters()
     const std::vector<std::string> names = listFilters(handle);
     krv_destroy(handle);
     for (std::size_t i = 0; i < names.size(); ++i)
-        std::cout << formatted("%3zu  ", i) << names[i] << '\n';
-    std::error_code ignored;
-    if (names.empty()) {
-        std::cout << "no filters: " << filterFolder()
-                  << (std::filesystem::is_directory(filterFolder(), ignored) ? " holds none\n"
-                                                                             : " is not there\n");
-    }
+        std::cout << formatted("%3zu  ", i) << printable(names[i]) << '\n';
+    if (names.empty())
+        std::cout << "no filters: " << filterFolder() << folderState(filterFolder()) << '\n';
 }
 
 } // namespace

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "apps/krv/interrupt.h"
 
+#include <unistd.h>
+
+#include <atomic>
 #include <csignal>
 
 #include "apps/krv/command.h"
@@ -9,40 +12,62 @@ namespace krv {
 
 namespace {
 
-volatile std::sig_atomic_t s_interrupted = 0;
+std::atomic<bool> s_interrupted = false;
+std::atomic<const char*> s_unfinished = nullptr;
+static_assert(std::atomic<const char*>::is_always_lock_free); // a handler may touch nothing else
 
 constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
 
-void setHandler(int signal, void (*handler)(int), int flags)
+void onSignal(int signal)
+{
+    if (!s_interrupted) {
+        s_interrupted = true;
+        return;
+    }
+    // timeout(1) and its like send their signal twice.
+    if (const char* path = s_unfinished)
+        unlink(path);
+    std::signal(signal, SIG_DFL);
+    std::raise(signal);
+}
+
+/// Leaves alone what is ignored.
+void setHandler(int signal, void (*handler)(int))
 {
     struct sigaction action
     {
     };
+    sigaction(signal, nullptr, &action);
+    if (action.sa_handler == SIG_IGN)
+        return;
     action.sa_handler = handler;
-    action.sa_flags = flags;
+    action.sa_flags = 0;
     sigaction(signal, &action, nullptr);
 }
 
 } // namespace
 
+void removeIfKilled(const char* path)
+{
+    s_unfinished = path;
+}
+
 CInterruptGuard::CInterruptGuard()
 {
     for (const int signal : kSignals)
-        setHandler(
-            signal, [](int) { s_interrupted = 1; }, static_cast<int>(SA_RESETHAND));
-    setHandler(SIGXFSZ, SIG_IGN, 0);
+        setHandler(signal, onSignal);
+    setHandler(SIGXFSZ, SIG_IGN);
 }
 
 CInterruptGuard::~CInterruptGuard()
 {
     for (const int signal : kSignals)
-        setHandler(signal, SIG_DFL, 0);
-    setHandler(SIGXFSZ, SIG_DFL, 0);
+        setHandler(signal, SIG_DFL);
 }
 
 void CInterruptGuard::check() const
 {
-    if (s_interrupted != 0)
+    if (s_interrupted)
         throw CCommandError(kExitFailed, "interrupted; OUT has not been written");
 }
 

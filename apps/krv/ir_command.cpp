@@ -186,8 +186,10 @@ void addIrCommand(CLI::App& program)
         "Moves the response to the front by what lies --margin before --level is reached, and keeps its "
         "length. All channels move as much as the one that starts first");
     command->add_option("--level", request.level, "Level of the start, as a fraction of the peak up to 1")
+        ->check(CLI::Number)
         ->capture_default_str();
     command->add_option("--margin", request.margin, "Time kept before the start, in ms")
+        ->check(CLI::Number)
         ->capture_default_str();
     command->callback([options, command] {
         run(checkedRequest(*options), command->count("--level") + command->count("--margin") > 0);

@@ -16,6 +16,14 @@ int fail(int exitCode, const std::string& message)
     return exitCode;
 }
 
+/// Standard output may be a file on a full disk as well.
+int flushed()
+{
+    if (!std::cout.flush())
+        return fail(krv::kExitFailed, "standard output cannot be written");
+    return krv::kExitDone;
+}
+
 void addCommands(CLI::App& program)
 {
     krv::addRenderCommand(program);
@@ -37,16 +45,14 @@ int run(int argc, char** argv)
         program.parse(argc, argv);
     } catch (const CLI::Success& wanted) // --help and --version
     {
-        return program.exit(wanted);
+        program.exit(wanted);
+        return flushed();
     } catch (const CLI::ParseError& error) {
         return fail(krv::kExitUsage, std::string(error.what()) + " (see krv --help)");
     }
     if (program.get_subcommands().empty())
         return fail(krv::kExitUsage, "a command is needed (see krv --help)");
-    // Standard output may be a file on a full disk as well.
-    if (!std::cout.flush())
-        return fail(krv::kExitFailed, "standard output cannot be written");
-    return krv::kExitDone;
+    return flushed();
 }
 
 } // namespace

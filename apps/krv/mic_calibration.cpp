@@ -2,7 +2,6 @@
 #include "apps/krv/mic_calibration.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <charconv>
 #include <cmath>
@@ -39,10 +38,7 @@ std::string shown(std::string_view text)
     // Bytes of the form 10xxxxxx continue a character of UTF-8.
     while (most > 0 && most < text.size() && (static_cast<unsigned char>(text[most]) & 0xC0) == 0x80)
         --most;
-    std::string copy(text.substr(0, most));
-    for (char& letter : copy)
-        letter = std::iscntrl(static_cast<unsigned char>(letter)) ? '?' : letter;
-    return inQuotes(copy + (text.size() > most ? "..." : ""));
+    return inQuotes(printable(std::string(text.substr(0, most))) + (text.size() > most ? "..." : ""));
 }
 
 /// Takes the next value off the front of `rest`, with the separators around it.

@@ -91,6 +91,8 @@ void CProcessor::loadPath(const std::string& path)
         throw CCommandError(kExitFailed, inQuotes(path) + " is not there; " + kFilterHint);
     if (fs::is_directory(path, problem))
         throw CCommandError(kExitFailed, inQuotes(path) + " is a folder; " + kFilterHint);
+    if (!fs::is_regular_file(path, problem))
+        throw CCommandError(kExitFailed, inQuotes(path) + " is a pipe or a device; a plain file is needed");
     if (access(path.c_str(), R_OK) != 0)
         throw CCommandError(kExitFailed, inQuotes(path) + " cannot be read: " + std::strerror(errno));
     // The library would take a leading "~" for the home folder.

@@ -59,8 +59,8 @@ void printSummary(const SRenderRequest& request, const SRenderReport& report)
 {
     const double seconds = static_cast<double>(report.frames) / report.stream.rate;
     const double blockSeconds = static_cast<double>(report.blockFrames) / report.stream.rate;
-    std::cout << request.output << ": " << request.input << " through " << inQuotes(report.filterName)
-              << ", mode " << request.mode << '\n'
+    std::cout << request.output << ": " << request.input << " through "
+              << inQuotes(printable(report.filterName)) << ", mode " << request.mode << '\n'
               << "  frames     " << report.frames << formatted(" (%.2f s), ", seconds)
               << counted(report.channels, "channel") << ", " << sampleFormatName(report.inputFormat) << " to "
               << sampleFormatName(report.outputFormat) << '\n'
@@ -108,12 +108,13 @@ void addRenderCommand(CLI::App& program)
     command->add_option("OUT", request->output, "File to write, in .wav, .flac, .aiff, .aif or .w64")
         ->required();
     command->add_option("--mode", request->mode, "1: the filter's standard sets, 2: its minimum-phase sets")
-        ->check(CLI::IsMember({1, 2}))
+        ->check(CLI::IsMember({"1", "2"}))
         ->capture_default_str();
     command->add_option("--block", request->blockFrames, "Frames per block")
         ->check(CLI::Range(static_cast<int>(KRV_MIN_BLOCK_FRAMES), static_cast<int>(KRV_MAX_BLOCK_FRAMES)))
         ->capture_default_str();
-    command->add_option("--gain", request->gainDb, "Overall gain in dB; it attenuates only, so 0 or below");
+    command->add_option("--gain", request->gainDb, "Overall gain in dB; it attenuates only, so 0 or below")
+        ->check(CLI::Number);
     command->add_option("--format", *format, "Sample format of OUT; 'same' takes the one of IN")
         ->check(CLI::IsMember({"int16", "int24", "int32", "float", "same"}))
         ->capture_default_str();

@@ -21,6 +21,15 @@ std::string formatted(const char* format, ...)
     return text;
 }
 
+std::string printable(std::string text)
+{
+    for (char& letter : text) {
+        if (std::iscntrl(static_cast<unsigned char>(letter)) != 0)
+            letter = '?';
+    }
+    return text;
+}
+
 std::string rateList(const std::vector<std::uint32_t>& rates)
 {
     std::string list;

@@ -33,8 +33,8 @@ TEST_F(Commands, ListTheFiltersOrWhereTheyWouldBe)
     const SProgramResult empty = krvAtHome({"filters"});
     EXPECT_EQ(empty.exitCode, 0);
     EXPECT_THAT(empty.out, AllOf(HasSubstr(at(kFolder)), HasSubstr("holds none")));
-    listed("Study", "study.korvo", {{}});
-    EXPECT_EQ(krvAtHome({"filters"}).out, "  0  Study\n");
+    listed("Study&#10;\x1b[31m", "study.korvo", {{}});
+    EXPECT_EQ(krvAtHome({"filters"}).out, "  0  Study??[31m\n");
 }
 
 TEST_F(Commands, TakeAFilterByIndexByNameAndByPath)
@@ -104,8 +104,11 @@ TEST_F(Commands, HelpAndSayTheirVersion)
             EXPECT_THAT(result.out, HasSubstr(flag == std::string("--help") ? "Usage: krv" : "krv 0."));
         }
     }
-    for (const std::vector<std::string>& wrong :
-         {std::vector<std::string>{}, {"rendr"}, {"filters", "too", "many"}, {"info"}}) {
+    for (const std::vector<std::string>& wrong : {std::vector<std::string>{},
+                                                  {"rendr"},
+                                                  {"filters", "too", "many"},
+                                                  {"info"},
+                                                  {"bench", "f", "--seconds", "nan"}}) {
         const SProgramResult result = krv(wrong);
         EXPECT_EQ(result.exitCode, 2);
         EXPECT_THAT(result.err, testing::StartsWith("krv: "));
@@ -114,10 +117,12 @@ TEST_F(Commands, HelpAndSayTheirVersion)
 
 TEST_F(Commands, NoticeThatStandardOutputIsFull)
 {
-    const SProgramResult result = runProgram(
-        {"/bin/sh", "-c", R"("$0" info "$1" > /dev/full)", KRV_PROGRAM, writeFilter("f.korvo", 2, {{}})});
-    EXPECT_EQ(result.exitCode, 1);
-    EXPECT_EQ(result.err, "krv: standard output cannot be written\n");
+    for (const std::string& argument : {writeFilter("f.korvo", 2, {{}}), std::string("--help")}) {
+        const SProgramResult result =
+            runProgram({"/bin/sh", "-c", R"("$0" info "$1" > /dev/full)", KRV_PROGRAM, argument});
+        EXPECT_EQ(result.exitCode, 1);
+        EXPECT_EQ(result.err, "krv: standard output cannot be written\n");
+    }
 }
 
 } // namespace

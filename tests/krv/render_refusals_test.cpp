@@ -52,6 +52,12 @@ protected:
 
     std::string cut(int container) const { return at("cut" + std::to_string(container)); }
 
+    void waitForOutput(const CProgram& program, const std::vector<std::string>& before) const
+    {
+        while (files().size() == before.size() && program.isRunning())
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+
     std::string m_filter;
 };
 
@@ -141,13 +147,26 @@ TEST_F(RenderRefuses, ToGoOnWhenInterrupted)
     std::filesystem::resize_file(at("long.wav"), kBytes + std::uintmax_t{44});
 
     const std::vector<std::string> before = files();
-    CProgram program({KRV_PROGRAM, "render", m_filter, at("long.wav"), at("out.wav"), "--block", "16"});
-    while (files().size() == before.size() && program.isRunning())
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    // As nohup starts it: what is ignored stays ignored.
+    CProgram program({"/bin/sh", "-c", R"(trap '' HUP; exec "$0" "$@")", KRV_PROGRAM, "render", m_filter,
+                      at("long.wav"), at("out.wav"), "--block", "16"});
+    waitForOutput(program, before);
+    kill(program.process(), SIGHUP);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_TRUE(program.isRunning());
     kill(program.process(), SIGTERM);
     const SProgramResult result = program.finish();
     EXPECT_EQ(result.exitCode, 1);
     EXPECT_THAT(result.err, HasSubstr("interrupted"));
+    EXPECT_THAT(files(), testing::UnorderedElementsAreArray(before));
+
+    // Some tools send their signal twice, and the second one kills.
+    CProgram killed({KRV_PROGRAM, "render", m_filter, at("long.wav"), at("out.wav")});
+    waitForOutput(killed, before);
+    while (killed.isRunning()) {
+        kill(killed.process(), SIGINT);
+        std::this_thread::sleep_for(std::chrono::microseconds(20));
+    }
     EXPECT_THAT(files(), testing::UnorderedElementsAreArray(before));
 }
 
