@@ -1,6 +1,6 @@
 # The front door. CMake presets do the work; `make -n TARGET` shows what would run.
 
-.PHONY: all build demo test check bench install deps format clean
+.PHONY: all build demo test check bench install uninstall deps format clean
 
 all: build
 
@@ -13,7 +13,7 @@ build/%/build.ninja: | deps
 build: build/release/build.ninja
 	cmake --build --preset release
 
-demo: build
+demo: build/release/build.ninja
 	cmake --build --preset release --target demo
 
 test: build
@@ -28,8 +28,17 @@ check: build/asan/build.ninja build/tsan/build.ninja
 bench: build
 	build/release/korvo_bench
 
+# PREFIX and DESTDIR as usual. The loader finds a new library of /usr/local only after ldconfig.
 install: build
-	cmake --install build/release
+	cmake --install build/release $(if $(PREFIX),--prefix "$(abspath $(PREFIX))")
+	cp build/release/install_manifest.txt build/release/installed.txt
+	@if [ -z "$(DESTDIR)$(PREFIX)" ] && [ "$$(id -u)" -eq 0 ]; then PATH="$$PATH:/sbin" ldconfig; fi
+
+# What the latest install put down; its DESTDIR has to be given again.
+uninstall:
+	sed 's|^|$(DESTDIR)|' build/release/installed.txt | xargs -d '\n' rm -f
+	sed 's|^|$(DESTDIR)|' build/release/installed.txt | xargs -d '\n' dirname | grep /korvo | sort -ru | \
+	    xargs -d '\n' rmdir --ignore-fail-on-non-empty
 
 format:
 	git ls-files '*.h' '*.c' '*.cpp' | xargs clang-format -i
