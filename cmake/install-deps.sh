@@ -7,7 +7,7 @@ cmake g++ make ninja-build pkg-config
 juce-modules-source librapidxml-dev
 libfftw3-dev libblas-dev libboost-dev libboost-thread-dev libhwy-dev
 libsndfile1-dev libcli11-dev
-libgtest-dev libbenchmark-dev libzita-convolver-dev
+libgtest-dev libgmock-dev libbenchmark-dev libzita-convolver-dev
 "
 
 missing=
