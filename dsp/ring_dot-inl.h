@@ -149,28 +149,34 @@ HWY_INLINE void addProducts(WideVector (&sums)[kHalfRow], const View& view, cons
     ((sums[k] = hn::Add(sums[k], hn::Mul(view.in(slot + k), taps.template with<k>(slot)))), ...);
 }
 
+/// The four lanes of a0 + a1, or of a2 + a3 from half a block on.
+template<std::size_t half, class View, class Meeting>
+HWY_INLINE void sumHalves(const View& view, const Meeting& taps, WideVector (&lanes)[4])
+{
+    const std::size_t rest = view.length() & ~(kRow - 1);
+    WideVector sums[kHalfRow];
+    for (WideVector& sum : sums)
+        sum = hn::Zero(Wide());
+    for (std::size_t slot = half; slot < rest; slot += kRow)
+        addProducts(sums, view, taps, slot, std::make_index_sequence<kHalfRow>());
+    for (std::size_t slot = rest; half == 0 && slot < view.length(); slot += 4)
+        addProducts(sums, view, taps, slot, std::make_index_sequence<4>()); // all of it into a0
+    for (std::size_t lane = 0; lane < 4; ++lane)
+        lanes[lane] = hn::Add(sums[lane], sums[4 + lane]);
+}
+
 /// The dot products of a row of outputs.
 template<class View, class Meeting>
 HWY_INLINE WideVector sumRow(const View& view, const Meeting& taps)
 {
-    const std::size_t rest = view.length() & ~(kRow - 1);
-    WideVector lanes[4];
-    for (std::size_t half = 0; half < kRow; half += kHalfRow)
-    {
-        WideVector sums[kHalfRow];
-        for (WideVector& sum : sums)
-            sum = hn::Zero(Wide());
-        for (std::size_t slot = half; slot < rest; slot += kRow)
-            addProducts(sums, view, taps, slot, std::make_index_sequence<kHalfRow>());
-        for (std::size_t slot = rest; half == 0 && slot < view.length(); slot += 4)
-            addProducts(sums, view, taps, slot, std::make_index_sequence<4>()); // all of it into a0
-        for (std::size_t lane = 0; lane < 4; ++lane)
-        {
-            const WideVector pair = hn::Add(sums[lane], sums[4 + lane]); // a0 + a1, then a2 + a3
-            lanes[lane] = half == 0 ? pair : hn::Add(lanes[lane], pair);
-        }
-    }
-    return hn::Add(hn::Add(hn::Add(lanes[0], lanes[1]), lanes[2]), lanes[3]);
+    WideVector lower[4];
+    WideVector upper[4];
+    sumHalves<0>(view, taps, lower);
+    sumHalves<kHalfRow>(view, taps, upper);
+    WideVector sum = hn::Add(lower[0], upper[0]);
+    for (std::size_t lane = 1; lane < 4; ++lane)
+        sum = hn::Add(sum, hn::Add(lower[lane], upper[lane]));
+    return sum;
 }
 
 /// row[i] * scale, one every `step` floats.
