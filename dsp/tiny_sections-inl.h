@@ -88,7 +88,8 @@ struct STinySections
     bool all; ///< no section of the bank is left
 };
 
-/// Chooses from the first `lanes` of the bank.
+/// Chooses from the first `lanes` of the bank. No section with infinite b0 or b1 is among them: its very
+/// first output was NaN, and before that all are at rest.
 /// @return whether a chosen one is not at rest
 HWY_INLINE bool chooseTiny(const SSectionBank& bank, std::size_t lanes, STinySections& tiny)
 {
@@ -101,8 +102,7 @@ HWY_INLINE bool chooseTiny(const SSectionBank& bank, std::size_t lanes, STinySec
                                HWY_ATTR { return loadBits(bank.fields[which] + lane) & ~kSign; };
         const Bits state = field(SSectionBank::kY1) | field(SSectionBank::kY2);
         const Bits chosen = ((state & kExponent) == 0) & (field(SSectionBank::kA1) <= kTwo) &
-                            (field(SSectionBank::kA2) <= kTwo) & (field(SSectionBank::kB0) < kExponent) &
-                            (field(SSectionBank::kB1) < kExponent);
+                            (field(SSectionBank::kA2) <= kTwo);
         storeBits(chosen, tiny.chosen + lane);
         alive |= state & chosen;
         left |= ~chosen;

@@ -3,6 +3,7 @@
 #include <xmmintrin.h>
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cmath>
 #include <cstdint>
@@ -106,7 +107,7 @@ std::vector<float> makeDecays(std::mt19937& random, unsigned count)
 }
 
 void expectPlainBits(const SKernelVariant& variant, const std::vector<float>& sections,
-                     const std::vector<float>& signal, std::mt19937& random)
+                     const std::vector<float>& signal, std::mt19937& random, unsigned maxBlock = 200)
 {
     const korvotest::FiirHandle subject = korvotest::makeFiir(kInitSSE, {0.5F, -0.25F, 0.125F}, sections);
     const korvotest::FiirHandle plain = korvotest::makeFiir(kInitSSE, {0.5F, -0.25F, 0.125F}, sections);
@@ -115,7 +116,7 @@ void expectPlainBits(const SKernelVariant& variant, const std::vector<float>& se
     for (std::size_t from = 0; from < signal.size();)
     {
         const auto frames =
-            static_cast<unsigned>(std::min<std::size_t>(1 + random() % 200, signal.size() - from));
+            static_cast<unsigned>(std::min<std::size_t>(1 + random() % maxBlock, signal.size() - from));
         variant.fiir(subject.get(), signal.data() + from, actual.data() + from, frames, 0, 1);
         korvotest::plainFiir(plain.get(), signal.data() + from, expected.data() + from, frames, 0, 1);
         from += frames;
@@ -181,6 +182,26 @@ TEST_P(Silence, IsPlainArithmeticForSectionsThatGrowOutOfIt)
         const std::vector<float> signal =
             makeInput(random, {{EInput::Denormals, 5}, {EInput::MixedZeros, frames}});
         ASSERT_NO_FATAL_FAILURE(expectPlainBits(variant(), growing, signal, random));
+    }
+}
+
+TEST_P(Silence, IsPlainArithmeticForProductsBeyondDenormals)
+{
+    // From the second output on, the input is cancelled and the state is as wanted: small itself, and small
+    // again after one more step, but as the difference of two products of which one has lost its last bit.
+    constexpr float kUnit = 0x1p-149F;
+    auto random = korvotest::makeRandom(56);
+    for (unsigned i = 0; i < 20; ++i)
+    {
+        const float offset = static_cast<float>(i);
+        for (const auto& [a1, a2, first, second] :
+             {std::array{5.37F, 1.95F, 2.08e6F, 7.97e6F}, std::array{1.95F, 5.37F, 1.48e6F, 4.06e6F}})
+        {
+            std::vector<float> signal(40);
+            signal[0] = (first + offset) * kUnit;
+            signal[1] = (second + offset) * kUnit;
+            ASSERT_NO_FATAL_FAILURE(expectPlainBits(variant(), {a1, a2, 1, a1}, signal, random, 1));
+        }
     }
 }
 
