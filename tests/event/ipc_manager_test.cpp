@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <thread>
 
 #include "event/dispatcher.h"
@@ -159,21 +160,10 @@ TEST_F(IpcManagerTest, AClientGoesOnWhenItsServerIsKilledAndStartedAnew)
 TEST(TransportEndpoint, LooksUnderTheTableNameOnly)
 {
     EXPECT_FALSE(TransportEndpointExists(kTransportNone));
-    const char* const name = "Local\\mem_7DA27024_C46E_489d_9BBC_78883B4BB5F8";
-    {
-        CChild guard([&] { // removes the name also if this test dies
-            prctl(PR_SET_PDEATHSIG, SIGTERM);
-            const IpcStorage ring(65536, name, false);
-            sigset_t end;
-            sigemptyset(&end);
-            sigaddset(&end, SIGTERM);
-            sigprocmask(SIG_BLOCK, &end, nullptr);
-            int received = 0;
-            return sigwait(&end, &received);
-        });
-        EXPECT_TRUE(eventually([] { return TransportEndpointExists(kTransport3); }));
-        guard.terminate();
-        EXPECT_EQ(guard.wait(std::chrono::seconds(20)), 0);
-    }
+    const korvotest::CSharedNames names("Local\\mem_7DA27024_C46E_489d_9BBC_78883B4BB5F8");
+    auto ring = std::make_unique<IpcStorage>(65536, names.prefix().c_str(), false);
+    EXPECT_TRUE(TransportEndpointExists(kTransport3));
+    EXPECT_FALSE(TransportEndpointExists(kTransport4));
+    ring.reset();
     EXPECT_FALSE(TransportEndpointExists(kTransport3));
 }

@@ -13,19 +13,20 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace korvotest {
 
-/// A prefix that no other test uses, for names of shared memory and semaphores. What carries it is removed by
-/// a process of its own as soon as this object or the whole test is gone, in whatever way it went.
+/// A prefix for names of shared memory and semaphores; if none is given, one that no other test uses. What
+/// carries it is removed by a process of its own as soon as this object or the whole test is gone, in whatever
+/// way it went.
 class CSharedNames
 {
 public:
-    CSharedNames()
+    explicit CSharedNames(std::string prefix = ownPrefix())
+        : m_prefix(std::move(prefix))
     {
-        static int s_count = 0;
-        m_prefix = "korvotest-" + std::to_string(getpid()) + "-" + std::to_string(s_count++) + "-";
         int ends[2];
         if (pipe2(ends, O_CLOEXEC) != 0 || (m_janitor = fork()) < 0)
             throw std::runtime_error("no process to clean up after the test");
@@ -64,6 +65,12 @@ public:
     }
 
 private:
+    static std::string ownPrefix()
+    {
+        static int s_count = 0;
+        return "korvotest-" + std::to_string(getpid()) + "-" + std::to_string(s_count++) + "-";
+    }
+
     void removeAll() const
     {
         std::error_code ignored;
@@ -108,9 +115,6 @@ public:
         waitpid(m_process, nullptr, 0);
         m_process = -1;
     }
-
-    /// Asks it to end.
-    void terminate() const { ::kill(m_process, SIGTERM); }
 
     /// The exit code, 128 and the signal's number if it was killed, or kStillRunning after that time.
     int wait(std::chrono::milliseconds timeout)
