@@ -53,7 +53,8 @@ int krv_enableDelayAndGain(krv_handle handle, int32_t on) noexcept
 
 int krv_isDelayAndGainEnabled(krv_handle handle, int32_t* result) noexcept
 {
-    return read(handle, result, [](const CFilteringEngine& engine) { return engine.isDelayAndGainEnabled(); });
+    return read(handle, result,
+                [](const CFilteringEngine& engine) { return engine.isDelayAndGainEnabled(); });
 }
 
 int krv_setChannelGain(krv_handle handle, uint32_t channel, float gain) noexcept
@@ -70,7 +71,8 @@ int krv_getChannelGain(krv_handle handle, uint32_t channel, float* result) noexc
 {
     if (isValid(handle) && !hasChannel(handle, channel))
         return KRV_STATUS_BAD_ARGUMENT;
-    return read(handle, result, [&](const CFilteringEngine& engine) { return engine.getChannelGain(channel); });
+    return read(handle, result,
+                [&](const CFilteringEngine& engine) { return engine.getChannelGain(channel); });
 }
 
 int krv_setChannelDelay(krv_handle handle, uint32_t channel, float delay) noexcept
@@ -87,7 +89,8 @@ int krv_getChannelDelay(krv_handle handle, uint32_t channel, float* result) noex
 {
     if (isValid(handle) && !hasChannel(handle, channel))
         return KRV_STATUS_BAD_ARGUMENT;
-    return read(handle, result, [&](const CFilteringEngine& engine) { return engine.getChannelDelay(channel); });
+    return read(handle, result,
+                [&](const CFilteringEngine& engine) { return engine.getChannelDelay(channel); });
 }
 
 int krv_setOverallGain(krv_handle handle, float gain) noexcept

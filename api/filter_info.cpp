@@ -29,7 +29,8 @@ int read(krv_handle handle, T* result, Getter&& value) noexcept
     return KRV_STATUS_OK;
 }
 
-int copyText(krv_handle handle, const juce::String& (CFIIRFilter::*text)() const, char* buffer, std::uint32_t length)
+int copyText(krv_handle handle, const juce::String& (CFIIRFilter::*text)() const, char* buffer,
+             std::uint32_t length)
 {
     // The length comes first, before the handle: a host may probe with an empty buffer and no handle.
     if (length == 0)

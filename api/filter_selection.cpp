@@ -89,7 +89,8 @@ int krv_setFilterOperatingMode(krv_handle handle, uint32_t mode) noexcept
         return KRV_STATUS_BAD_HANDLE;
     if (handle->filterSet == nullptr)
         return KRV_STATUS_NO_FILTER_SET;
-    if (mode != korvo::filter::CFIIRFilter::kModeStandard && mode != korvo::filter::CFIIRFilter::kModeMinPhase)
+    if (mode != korvo::filter::CFIIRFilter::kModeStandard &&
+        mode != korvo::filter::CFIIRFilter::kModeMinPhase)
         return KRV_STATUS_BAD_ARGUMENT;
     // The reload's result is not this call's: the host sees it in the operating mode.
     return guarded(KRV_STATUS_OK, [&] {

@@ -38,9 +38,11 @@ void delay(const SHighRateChannel& channel, const SHighRateBlock& block, uint32_
     float* out = block.highBandBuffer + block.channel;
     const std::size_t stride = block.channels;
     uint32_t index = channel.delayIndex;
-    for (uint32_t frame = 0; frame < block.frames;) {
+    for (uint32_t frame = 0; frame < block.frames;)
+    {
         const uint32_t run = std::min(block.frames - frame, index + 1);
-        for (uint32_t i = 0; i < run; ++i, in += stride, out += stride) {
+        for (uint32_t i = 0; i < run; ++i, in += stride, out += stride)
+        {
             *out = channel.delayBuffer[index - i];
             channel.delayBuffer[index - i] = *in;
         }
@@ -81,7 +83,8 @@ SHighBand highBandFor(const SHighBandSettings& settings, uint32_t internalRate, 
 {
     float gain = settings.filterGain;
     uint32_t delay = settings.filterDelay;
-    if (settings.delayAndGainEnabled) {
+    if (settings.delayAndGainEnabled)
+    {
         // A whole number of samples per millisecond: 88 in the 44.1 kHz family, though the engine uses 88.2.
         const auto samplesPerMs = static_cast<float>(internalRate / 1000);
         gain *= settings.channelGain;

@@ -10,8 +10,8 @@
 #include "filter/filter_folder.h"
 #include "filter/filter_set.h"
 
-/// Everything that one audio stream needs. Made zero-filled by the plain allocator, so that a record never carries the
-/// mark before krv_create() has written it as the last thing.
+/// Everything that one audio stream needs. Made zero-filled by the plain allocator, so that a record never
+/// carries the mark before krv_create() has written it as the last thing.
 struct PROCESSOR_INSTANCE_tag
 {
     static constexpr std::uint32_t kValidityMark = 0xD7F3B034;
@@ -47,7 +47,7 @@ namespace korvo::api {
 
 /// The eight rates that an engine channel has a filter slot for, ascending, in Hz.
 inline constexpr std::uint32_t kStandardRates[KRV_NUM_STANDARD_RATES] = {44100,  48000,  88200,  96000,
-                                                                       176400, 192000, 352800, 384000};
+                                                                         176400, 192000, 352800, 384000};
 
 /// Real time: yes.
 inline bool isValid(krv_handle handle)
@@ -72,8 +72,8 @@ int guarded(int statusOnException, Body&& body) noexcept
 /// What channel `c` keeps for the high-rate path. Real time: yes.
 inline SHighRateChannel highRateChannel(PROCESSOR_INSTANCE_tag& instance, unsigned c)
 {
-    return {instance.decimators[c], instance.interpolators[c], instance.highPassFilters[c], instance.delayBuffers[c],
-            instance.delayIndices[c]};
+    return {instance.decimators[c], instance.interpolators[c], instance.highPassFilters[c],
+            instance.delayBuffers[c], instance.delayIndices[c]};
 }
 
 } // namespace korvo::api

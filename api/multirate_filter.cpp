@@ -50,7 +50,8 @@ void fillBanks(const FIR_MULTIRATE_FILTER_tag& filter, const SPhases& phases, st
     const std::size_t length = phases.paddedTaps;
     float* const* banks = filter.banks + 4 * phase;
     for (std::size_t j = 0; j < phases.taps; ++j)
-        for (std::size_t rotation = 0; rotation < 4; ++rotation) {
+        for (std::size_t rotation = 0; rotation < 4; ++rotation)
+        {
             const std::size_t to = (j + rotation) % length;
             banks[rotation][to] = filter.coefs[phases.count * j + phase];
             banks[rotation][to + length] = banks[rotation][to];
@@ -71,10 +72,13 @@ void prepare(FIR_MULTIRATE_FILTER_tag& filter, const SPhases& phases)
 
 bool prepareFIRcoefs(FIR_MULTIRATE_FILTER_tag* filter, int kind)
 {
-    try {
+    try
+    {
         prepare(*filter, phasesOf(*filter, kind));
         return true;
-    } catch (const std::bad_alloc&) {
+    }
+    catch (const std::bad_alloc&)
+    {
         releaseFIRcoefs(filter); // the block path takes an empty filter for one that it must not run
         return false;
     }
@@ -85,7 +89,8 @@ void releaseFIRcoefs(FIR_MULTIRATE_FILTER_tag* filter)
     filter->paddedLength = 0;
     krv_free(filter->delayLine);
     filter->delayLine = nullptr;
-    for (float*& bank : filter->banks) {
+    for (float*& bank : filter->banks)
+    {
         krv_free(bank);
         bank = nullptr;
     }

@@ -52,7 +52,8 @@ constexpr void fillHighPass(float* out, std::size_t size, const std::array<float
     const auto g = [&table](std::size_t i) {
         return static_cast<double>(table[i < half ? i : 2 * half - 2 - i]);
     };
-    for (std::size_t n = 0; n < size; ++n) {
+    for (std::size_t n = 0; n < size; ++n)
+    {
         const std::size_t sum = n + shift;
         double convolved = 0.0;
         for (std::size_t i = 0; i < 2 * half - 1; ++i)

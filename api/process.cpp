@@ -8,7 +8,7 @@ namespace korvo::api {
 namespace {
 
 /// Handles that the engine has let go of in this call. They stay the filter set's; nothing here reads them.
-using RetiredFilters = void* [PROCESSOR_INSTANCE_tag::kMaxChannels];
+using RetiredFilters = void * [PROCESSOR_INSTANCE_tag::kMaxChannels];
 
 void readInput(PROCESSOR_INSTANCE_tag& instance, const void* input, unsigned samples)
 {
@@ -18,25 +18,27 @@ void readInput(PROCESSOR_INSTANCE_tag& instance, const void* input, unsigned sam
         instance.inputConversion(input, instance.inputBuffer, samples);
 }
 
-void processDirect(PROCESSOR_INSTANCE_tag& instance, unsigned frames, unsigned c, unsigned channels, void** retired)
+void processDirect(PROCESSOR_INSTANCE_tag& instance, unsigned frames, unsigned c, unsigned channels,
+                   void** retired)
 {
     instance.engine->process(false, instance.inputBuffer, instance.inputBuffer, frames, c, channels, retired);
 }
 
-/// Without an active filter the engine passes the low band on as it is, with no channel gain or delay, and so does this
-/// with the high band.
+/// Without an active filter the engine passes the low band on as it is, with no channel gain or delay, and so
+/// does this with the high band.
 SHighBand highBandOf(const PROCESSOR_INSTANCE_tag& instance, unsigned c)
 {
     if (instance.filterSet->getOperatingMode() == filter::CFIIRFilter::kModeNone)
         return {1.0F, 0};
     const korvodsp::CFilteringEngine& engine = *instance.engine;
     const auto highBand = instance.filterSet->getHighBand(instance.internalRate, c);
-    return highBandFor({highBand.gain, highBand.delay, engine.isDelayAndGainEnabled(), engine.getChannelGain(c),
-                        engine.getChannelDelay(c)},
+    return highBandFor({highBand.gain, highBand.delay, engine.isDelayAndGainEnabled(),
+                        engine.getChannelGain(c), engine.getChannelDelay(c)},
                        instance.internalRate, instance.highPassFilters[c].ratio);
 }
 
-void processTwoBands(PROCESSOR_INSTANCE_tag& instance, unsigned frames, unsigned c, unsigned channels, void** retired)
+void processTwoBands(PROCESSOR_INSTANCE_tag& instance, unsigned frames, unsigned c, unsigned channels,
+                     void** retired)
 {
     const SHighRateBlock block = {
         instance.inputBuffer, instance.decimatedBuffer, instance.highBandBuffer, frames, c, channels};
@@ -53,7 +55,8 @@ int writeOutput(const PROCESSOR_INSTANCE_tag& instance, void* output, unsigned s
         std::memcpy(output, instance.inputBuffer, samples * sizeof(float));
         return KRV_STATUS_OK;
     }
-    return instance.outputConversion(instance.inputBuffer, output, samples) ? KRV_STATUS_CLIPPED : KRV_STATUS_OK;
+    return instance.outputConversion(instance.inputBuffer, output, samples) ? KRV_STATUS_CLIPPED
+                                                                            : KRV_STATUS_OK;
 }
 
 } // namespace
@@ -63,7 +66,8 @@ int writeOutput(const PROCESSOR_INSTANCE_tag& instance, void* output, unsigned s
 using namespace korvo;
 using namespace korvo::api;
 
-int krv_process(krv_handle handle, const void* input, void* output, uint32_t frames, uint32_t channels) noexcept
+int krv_process(krv_handle handle, const void* input, void* output, uint32_t frames,
+                uint32_t channels) noexcept
 {
     if (!isValid(handle))
         return KRV_STATUS_BAD_HANDLE;

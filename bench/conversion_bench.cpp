@@ -30,10 +30,7 @@ struct SBuffers
     std::vector<unsigned char> copyFrom, copyTo;
 
     explicit SBuffers(std::size_t count)
-        : floats(count)
-        , integers(count * 4)
-        , copyFrom(count * 4, 1)
-        , copyTo(count * 4)
+        : floats(count), integers(count * 4), copyFrom(count * 4, 1), copyTo(count * 4)
     {
         std::mt19937 random(1);
         std::uniform_real_distribution<float> uniform(-0.9F, 0.9F);
@@ -131,7 +128,8 @@ const bool s_registered = [] {
                                     reader<AudioData::Int32>("in32", 4, NativeInt32ToFloat32_X86),
                                     writer<AudioData::Int16>("out16", 2, Float32ToNativeInt16_X86),
                                     writer<AudioData::Int24>("out24", 3, Float32ToNativeInt24_X86),
-                                    writer<AudioData::Int32>("out32", 4, Float32ToNativeInt32_X86)}) {
+                                    writer<AudioData::Int32>("out32", 4, Float32ToNativeInt32_X86)})
+    {
         againstMemcpy(subject, "block", kBlock, 0.35, 0.6);
         againstMemcpy(subject, "stream", kStream, 0.7, 0.9);
         againstJuce(subject, 3.0, 5.0);

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// How the cost of a block grows: time per frame and channel of a whole krv_process(), one thing varied at a time.
+// How the cost of a block grows: time per frame and channel of a whole krv_process(), one thing varied at a
+// time.
 #include <benchmark/benchmark.h>
 
 #include <string>
@@ -24,15 +25,16 @@ void measure(benchmark::State& state, const SCost& cost)
     korvobench::CStream stream(korvobench::ourLibrary(), filter, cost.rate, cost.channels, cost.frames);
     for (auto _ : state)
         stream.processNoise();
-    state.counters["frame"] = benchmark::Counter(static_cast<double>(state.iterations()) * cost.channels * cost.frames,
-                                                 benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+    state.counters["frame"] =
+        benchmark::Counter(static_cast<double>(state.iterations()) * cost.channels * cost.frames,
+                           benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 
 bool registerCost(const std::string& varied, const SCost& cost)
 {
-    benchmark::RegisterBenchmark(("cost/" + varied).c_str(),
-                                 [cost](benchmark::State& state) { measure(state, cost); })
-        ->MinTime(0.05);
+    benchmark::RegisterBenchmark(("cost/" + varied).c_str(), [cost](benchmark::State& state) {
+        measure(state, cost);
+    })->MinTime(0.05);
     return true;
 }
 

@@ -29,11 +29,7 @@ struct SBuffers
     std::vector<std::vector<float>> planes;
     std::vector<float*> channels;
 
-    SBuffers()
-        : in(kSamples)
-        , out(kSamples)
-        , window(kWindow)
-        , planes(8, std::vector<float>(kSamples))
+    SBuffers() : in(kSamples), out(kSamples), window(kWindow), planes(8, std::vector<float>(kSamples))
     {
         std::mt19937 random(1);
         std::uniform_real_distribution<float> distribution(-1.0F, 1.0F);

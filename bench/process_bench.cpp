@@ -62,8 +62,8 @@ double tail()
     return times[times.size() * 99 / 100] / times[times.size() / 2];
 }
 
-/// Time of a block of silence over time of a block of signal, once the sections have rung down to the smallest numbers
-/// that there are.
+/// Time of a block of silence over time of a block of signal, once the sections have rung down to the
+/// smallest numbers that there are.
 double silenceOverSignal()
 {
     const CFilterFile filter(2, {48000}, kTaps, kSections);
@@ -106,7 +106,9 @@ double loadOverPlainBuild()
     registerRow({"process/8x48000", "the build with plain loops", 1.8, 3.0},
                 [] { return overPlainBuild(8, 48000, {48000}); }),
     registerRow({"process/2x192000", "the build with plain loops", 1.8, 3.0},
-                [] { return overPlainBuild(2, 192000, {96000, 192000}); }),
+                [] {
+                    return overPlainBuild(2, 192000, {96000, 192000});
+                }),
     registerRow({"tail/p99", "the median block", 3.0, 1.5, EBetter::Smaller}, tail),
     registerRow({"load/8ch", "the build with all transforms", 5.0, 20.0}, loadOverPlainBuild),
     registerRow({"silence", "a block of signal", 2.0, 1.2, EBetter::Smaller}, silenceOverSignal),

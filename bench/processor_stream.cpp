@@ -61,8 +61,12 @@ korvotest::SSet makeSet(unsigned rate, bool minPhase, unsigned taps, unsigned se
 
 const SLibrary& ourLibrary()
 {
-    static const SLibrary library = {krv_create,        krv_destroy,           krv_process,
-                                     krv_setSamplerate, krv_loadFilterFromFile, krv_setFilterOperatingMode};
+    static const SLibrary library = {krv_create,
+                                     krv_destroy,
+                                     krv_process,
+                                     krv_setSamplerate,
+                                     krv_loadFilterFromFile,
+                                     krv_setFilterOperatingMode};
     return library;
 }
 
@@ -72,7 +76,8 @@ const SLibrary& plainLibrary()
     return library;
 }
 
-CFilterFile::CFilterFile(unsigned channels, const std::vector<unsigned>& rates, unsigned taps, unsigned sections)
+CFilterFile::CFilterFile(unsigned channels, const std::vector<unsigned>& rates, unsigned taps,
+                         unsigned sections)
 {
     std::vector<korvotest::SSet> sets;
     for (const unsigned rate : rates)

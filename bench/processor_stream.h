@@ -44,7 +44,8 @@ private:
 class CStream
 {
 public:
-    CStream(const SLibrary& library, const CFilterFile& filter, unsigned rate, unsigned channels, unsigned frames);
+    CStream(const SLibrary& library, const CFilterFile& filter, unsigned rate, unsigned channels,
+            unsigned frames);
     ~CStream();
     CStream(const CStream&) = delete;
     CStream& operator=(const CStream&) = delete;

@@ -49,7 +49,8 @@ double speedUp(const std::function<void()>& subject, const std::function<void()>
     for (int round = 0; round < effort.rounds; ++round)
     {
         const double subjectTime = secondsFor(subject, subjectCalls) / static_cast<double>(subjectCalls);
-        const double yardstickTime = secondsFor(yardstick, yardstickCalls) / static_cast<double>(yardstickCalls);
+        const double yardstickTime =
+            secondsFor(yardstick, yardstickCalls) / static_cast<double>(yardstickCalls);
         ratios.push_back(yardstickTime / subjectTime);
     }
     return median(ratios);
@@ -67,15 +68,16 @@ double secondsPerCall(const std::function<void()>& work, SEffort effort)
 bool registerRow(SRow row, std::function<double()> measure)
 {
     const std::string name = row.name;
-    benchmark::RegisterBenchmark(name.c_str(),
-                                 [row = std::move(row), measure = std::move(measure)](benchmark::State& state) {
-                                     for (auto _ : state)
-                                     {
-                                         const double value = measure();
-                                         state.counters["x"] = value;
-                                         resultTable().add(row, value);
-                                     }
-                                 })
+    benchmark::RegisterBenchmark(
+        name.c_str(),
+        [row = std::move(row), measure = std::move(measure)](benchmark::State& state) {
+            for (auto _ : state)
+            {
+                const double value = measure();
+                state.counters["x"] = value;
+                resultTable().add(row, value);
+            }
+        })
         ->Iterations(1)
         ->Unit(benchmark::kSecond);
     return true;

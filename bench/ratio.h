@@ -4,8 +4,8 @@
 #include <functional>
 #include <string>
 
-/// Benchmarks whose result is a ratio. A machine that is shared and noisy makes times worthless and leaves ratios
-/// usable, as long as both sides are measured in turns within one run.
+/// Benchmarks whose result is a ratio. A machine that is shared and noisy makes times worthless and leaves
+/// ratios usable, as long as both sides are measured in turns within one run.
 namespace korvobench {
 
 enum class EBetter
@@ -36,7 +36,8 @@ struct SEffort
 
 /// Time of `yardstick` over time of `subject`, both called in turns: the median over all rounds. Above 1, the
 /// subject is the faster one. Each call of either must do the same amount of work.
-double speedUp(const std::function<void()>& subject, const std::function<void()>& yardstick, SEffort effort = {});
+double speedUp(const std::function<void()>& subject, const std::function<void()>& yardstick,
+               SEffort effort = {});
 
 /// Seconds that one call of `work` takes: the median over all rounds.
 double secondsPerCall(const std::function<void()>& work, SEffort effort = {});

@@ -43,15 +43,19 @@ void CResultTable::print(std::ostream& out) const
     for (const SResult& result : m_results)
         width = std::max(width, result.row.name.size());
     const auto column = static_cast<int>(width) + 2;
-    out << std::left << std::setw(column) << "row" << std::right << std::setw(10) << "ratio" << std::setw(8) << "floor"
-        << std::setw(8) << "aim" << "  " << std::left << std::setw(13) << "" << "against\n";
+    out << std::left << std::setw(column) << "row" << std::right << std::setw(10) << "ratio" << std::setw(8)
+        << "floor" << std::setw(8) << "aim"
+        << "  " << std::left << std::setw(13) << ""
+        << "against\n";
     for (const SResult& result : m_results)
     {
-        out << std::left << std::setw(column) << result.row.name << std::right << std::fixed << std::setprecision(2)
-            << std::setw(10) << result.value << std::defaultfloat << std::setprecision(6);
+        out << std::left << std::setw(column) << result.row.name << std::right << std::fixed
+            << std::setprecision(2) << std::setw(10) << result.value << std::defaultfloat
+            << std::setprecision(6);
         printBound(out, result.row.floor);
         printBound(out, result.row.aim);
-        out << "  " << std::left << std::setw(13) << verdict(result.row, result.value) << result.row.yardstick << '\n';
+        out << "  " << std::left << std::setw(13) << verdict(result.row, result.value) << result.row.yardstick
+            << '\n';
     }
 }
 
@@ -61,7 +65,8 @@ void CResultTable::writeJson(std::ostream& out) const
     const char* separator = "";
     for (const SResult& result : m_results)
     {
-        out << separator << "  \"" << result.row.name << "\": {\"value\": " << result.value << ", \"unit\": \"x\"}";
+        out << separator << "  \"" << result.row.name << "\": {\"value\": " << result.value
+            << ", \"unit\": \"x\"}";
         separator = ",\n";
     }
     out << "\n}\n";

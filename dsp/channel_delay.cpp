@@ -23,8 +23,10 @@ inline SGainRamp rampSamples(const float* src, std::size_t srcStride, float* dst
                              std::uint32_t frames, SGainRamp ramp) noexcept
 {
     // Adding a step of zero changes no gain but -0.0, so the usual block needs no chain of additions.
-    if (ramp.step == 0.0F && ramp.gain != 0.0F) {
-        if (looksSilent(src, frames)) {
+    if (ramp.step == 0.0F && ramp.gain != 0.0F)
+    {
+        if (looksSilent(src, frames))
+        {
             for (std::size_t k = 0; k < frames; ++k)
                 dst[k * dstStride] = timesMaybeDenormal(ramp.gain, src[k * srcStride]);
             return ramp;
@@ -33,7 +35,8 @@ inline SGainRamp rampSamples(const float* src, std::size_t srcStride, float* dst
             dst[k * dstStride] = ramp.gain * src[k * srcStride];
         return ramp;
     }
-    for (std::size_t k = 0; k < frames; ++k) {
+    for (std::size_t k = 0; k < frames; ++k)
+    {
         dst[k * dstStride] = ramp.gain * src[k * srcStride];
         ramp.gain += ramp.step;
     }
@@ -72,7 +75,8 @@ std::uint32_t delayColumn(SDelayRing ring, std::uint32_t delay, const float* src
                           std::uint32_t frames, std::size_t stride, SGainRamp ramp) noexcept
 {
     const std::uint32_t size = ring.mask + 1;
-    while (frames > 0) {
+    while (frames > 0)
+    {
         // Runs that cross the ring's end neither in writing nor in reading, so that no sample needs the mask.
         // A run is written whole before it is read, hence the last limit: one frame more and its newest
         // sample would take the place of the oldest that is yet to be read.

@@ -45,7 +45,8 @@ inline void fadeColumn(const float* from, const float* to, float* out, std::uint
                        std::size_t stride) noexcept
 {
     CRaisedCosine window(frames);
-    for (std::size_t k = 0, i = 0; k < frames; ++k, i += stride) {
+    for (std::size_t k = 0, i = 0; k < frames; ++k, i += stride)
+    {
         const float s = window.next();
         out[i] = (0.5F - s) * to[i] + (s + 0.5F) * from[i];
     }

@@ -16,11 +16,7 @@
 
 namespace korvodsp {
 
-CFilteringEngine::CFilteringEngine(unsigned channels)
-    : numChannels(channels)
-    , filters(channels)
-{
-}
+CFilteringEngine::CFilteringEngine(unsigned channels) : numChannels(channels), filters(channels) {}
 
 CFilteringEngine::~CFilteringEngine()
 {
@@ -29,8 +25,10 @@ CFilteringEngine::~CFilteringEngine()
 
 void CFilteringEngine::initFilters(const unsigned* rates, unsigned count)
 {
-    for (SDspFilter& dsp : filters) {
-        for (unsigned i = 0; i < count; ++i) {
+    for (SDspFilter& dsp : filters)
+    {
+        for (unsigned i = 0; i < count; ++i)
+        {
             SFilterSlot& slot = dsp.filterMap[rates[i]];
             slot.current.store(nullptr, std::memory_order_relaxed);
             slot.pending.store(nullptr, std::memory_order_relaxed);
@@ -45,7 +43,8 @@ bool CFilteringEngine::init(unsigned rate, unsigned blockFrames, unsigned channe
 
     const std::uint64_t samples = std::uint64_t{channels} * blockFrames;
     const std::uint64_t bytes = samples * sizeof(float);
-    if (samples == 0 || bytes != processBufferBytes) {
+    if (samples == 0 || bytes != processBufferBytes)
+    {
         freeProcessBuffer();
         if (samples == 0 || samples > std::numeric_limits<std::uint32_t>::max() / sizeof(float))
             return false;
@@ -56,9 +55,11 @@ bool CFilteringEngine::init(unsigned rate, unsigned blockFrames, unsigned channe
         bufferChannels = channels;
     }
 
-    if (maxDelay != maxDelaySamples) {
+    if (maxDelay != maxDelaySamples)
+    {
         const std::uint32_t ringBytes = delayRingBytes(maxDelay);
-        for (SDspFilter& dsp : filters) {
+        for (SDspFilter& dsp : filters)
+        {
             dsp.resizeDelay(ringBytes);
             dsp.setDelayToZero();
         }
@@ -80,11 +81,13 @@ void CFilteringEngine::freeProcessBuffer()
 
 void CFilteringEngine::SDspFilter::resizeDelay(unsigned bytes)
 {
-    if (bytes != delayBytes && delayBuffer != nullptr) {
+    if (bytes != delayBytes && delayBuffer != nullptr)
+    {
         delayBuffer.reset();
         delayBytes = 0;
     }
-    if (bytes != 0 && delayBuffer == nullptr) {
+    if (bytes != 0 && delayBuffer == nullptr)
+    {
         delayBuffer.reset(new (std::nothrow) float[bytes / sizeof(float)]());
         delayBytes = bytes;
     }
@@ -100,11 +103,12 @@ int CFilteringEngine::setFilterForChannel(unsigned rate, unsigned channel, void*
 {
     if (channel >= numChannels)
         return 0;
-    for (auto& [slotRate, slot] : filters[channel].filterMap) {
+    for (auto& [slotRate, slot] : filters[channel].filterMap)
+    {
         if ((rate != 0 && rate != slotRate) || slot.holds(filter))
             continue;
-        // All clearing comes first, while nobody else knows of the filter: once it is pending, the audio thread may
-        // be fading it in, and a clearing would be heard.
+        // All clearing comes first, while nobody else knows of the filter: once it is pending, the audio
+        // thread may be fading it in, and a clearing would be heard.
         if (filter != kInactiveFilter)
             FIIR_Reset(filter);
         resetChannel(channel);
@@ -143,7 +147,8 @@ bool CFilteringEngine::hasFilters() const
 
 std::vector<void*> CFilteringEngine::removeAllFilters()
 {
-    for (SDspFilter& dsp : filters) {
+    for (SDspFilter& dsp : filters)
+    {
         // Release, with the acquire of process(), as for any pending handle.
         for (auto& entry : dsp.filterMap)
             entry.second.pending.store(kInactiveFilter, std::memory_order_release);
@@ -156,8 +161,10 @@ void CFilteringEngine::removeAllFiltersHard()
     // `active` stays: a filter that comes next starts at full level if one was heard now. Relaxed, since no
     // process() call is running; should one be after all, it finishes its block on the filters that it has
     // loaded.
-    for (SDspFilter& dsp : filters) {
-        for (auto& entry : dsp.filterMap) {
+    for (SDspFilter& dsp : filters)
+    {
+        for (auto& entry : dsp.filterMap)
+        {
             entry.second.current.store(nullptr, std::memory_order_relaxed);
             entry.second.pending.store(nullptr, std::memory_order_relaxed);
         }
@@ -227,7 +234,8 @@ void CFilteringEngine::resetChannel(unsigned channel)
     dsp.setDelayToZero();
     dsp.writeIndex.store(0, std::memory_order_relaxed);
     dsp.appliedGain.store(dsp.gain.load(std::memory_order_relaxed), std::memory_order_relaxed);
-    for (auto& entry : dsp.filterMap) {
+    for (auto& entry : dsp.filterMap)
+    {
         // Null and kInactiveFilter are passed over. Acquire as in holds(); pending is of this thread's own
         // storing.
         FIIR_Reset(entry.second.current.load(std::memory_order_acquire));
@@ -246,7 +254,8 @@ void CFilteringEngine::resetFilters()
 // The same race as in resetChannel, over the delay lines alone.
 void CFilteringEngine::resetDelays()
 {
-    for (SDspFilter& dsp : filters) {
+    for (SDspFilter& dsp : filters)
+    {
         dsp.setDelayToZero();
         dsp.writeIndex.store(0, std::memory_order_relaxed);
     }
@@ -265,8 +274,8 @@ bool CFilteringEngine::process(bool bypass, const float* in, float* out, unsigne
     if (std::uint64_t{frames} * channelCount > processBufferBytes / sizeof(float))
         return false;
 
-    // Plain stores, since only the audio thread writes this word. The release pairs with passCount(): whoever sees
-    // the call over sees all its uses of a filter over, and may free that filter.
+    // Plain stores, since only the audio thread writes this word. The release pairs with passCount(): whoever
+    // sees the call over sees all its uses of a filter over, and may free that filter.
     const std::uint32_t pass = passes.load(std::memory_order_relaxed);
     passes.store(pass + 1, std::memory_order_relaxed);
     runSlots(filters[channel], enabled.load(std::memory_order_relaxed) && !bypass,
@@ -327,7 +336,8 @@ void CFilteringEngine::exchange(SFilterSlot& slot, const SSlotSnapshot& snapshot
     // that moment is lost, and whoever waits for hasFilters() to turn false waits in vain.
     if (slot.pending.load(std::memory_order_relaxed) != snapshot.pending)
         return;
-    if (snapshot.pending != snapshot.current) {
+    if (snapshot.pending != snapshot.current)
+    {
         *retired = snapshot.current;
         void* const next = snapshot.pending == kInactiveFilter ? nullptr : snapshot.pending;
         // Release, with the acquire of hasFilters() and holds(): all use of the old filter comes before.
@@ -350,7 +360,8 @@ void CFilteringEngine::processDelayAndGain(const float* in, float* out, unsigned
         return; // the ramp is skipped, not put off
 
     const SGainRamp ramp{start, (target - start) / static_cast<float>(frames)};
-    if (dsp.delayBuffer == nullptr) {
+    if (dsp.delayBuffer == nullptr)
+    {
         // No memory for the delay line: gain is what is left of the stage.
         rampColumn(in + channel, out + channel, frames, channelCount, ramp);
         return;

@@ -63,8 +63,8 @@ public:
     /// Lets go of every filter at once, with no fade.
     void removeAllFiltersHard();
 
-    /// Odd while the audio thread is inside process(). Where it is odd, a change of the number says that the call
-    /// which was under way has returned, and with it the last use of what it found in the slots.
+    /// Odd while the audio thread is inside process(). Where it is odd, a change of the number says that the
+    /// call which was under way has returned, and with it the last use of what it found in the slots.
     std::uint32_t passCount() const { return passes.load(std::memory_order_acquire); }
 
     void enable(bool on);

@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The passes of ring_dot.h; compiled once per instruction set.
 //
-// The rings of the multi-rate stage are short, so that a run of samples would end at their wrap all the time, and the
-// sums across a vector would cost as much as the products. Here each lane of a vector is an output of its own: slot
-// after slot of the ring is multiplied with the taps that meet it in a row of consecutive outputs, which lie side by
-// side in the table, since a step in time is a step in the table. The sixteen running sums of an output are sixteen
-// vectors, and they are added up without a sum across lanes. Each lane goes through the fixed order of summation.
+// The rings of the multi-rate stage are short, so that a run of samples would end at their wrap all the time,
+// and the sums across a vector would cost as much as the products. Here each lane of a vector is an output of
+// its own: slot after slot of the ring is multiplied with the taps that meet it in a row of consecutive
+// outputs, which lie side by side in the table, since a step in time is a step in the table. The sixteen
+// running sums of an output are sixteen vectors, and they are added up without a sum across lanes. Each lane
+// goes through the fixed order of summation.
 
 #if defined(KORVO_DSP_RING_DOT_INL_H_) == defined(HWY_TARGET_TOGGLE)
 #ifdef KORVO_DSP_RING_DOT_INL_H_
@@ -33,8 +34,8 @@ constexpr unsigned kMaxPhases = 4;
 /// Longer rings go one sample at a time. No stage has one.
 constexpr std::size_t kMaxRing = 256;
 
-/// What a row of outputs sees in each slot of the ring. A row takes in `every` samples for each of its outputs, the
-/// first of which goes to the ring's index.
+/// What a row of outputs sees in each slot of the ring. A row takes in `every` samples for each of its
+/// outputs, the first of which goes to the ring's index.
 template<std::size_t every>
 class CRingView
 {
@@ -50,8 +51,8 @@ public:
             hn::Store(hn::Set(Wide(), ring.samples[slot]), Wide(), m_seen[slot]);
     }
 
-    /// Lets the next row take in `count` samples. Each is new to the outputs that come with it or after it, while those
-    /// before see what was in its slot.
+    /// Lets the next row take in `count` samples. Each is new to the outputs that come with it or after it,
+    /// while those before see what was in its slot.
     HWY_INLINE void take(const SRing& ring, const float* samples, std::size_t stride, std::size_t count)
     {
         for (std::size_t turn = 0; turn < count; ++turn)
@@ -59,8 +60,9 @@ public:
             const std::size_t slot = slotOf(ring, turn);
             const auto older = hn::FirstN(Wide(), turn / every);
             m_fresh[turn] = samples[turn * stride];
-            hn::Store(hn::IfThenElse(older, hn::Set(Wide(), ring.samples[slot]), hn::Set(Wide(), m_fresh[turn])),
-                      Wide(), m_seen[slot]);
+            hn::Store(
+                hn::IfThenElse(older, hn::Set(Wide(), ring.samples[slot]), hn::Set(Wide(), m_fresh[turn])),
+                Wide(), m_seen[slot]);
         }
     }
 
@@ -91,8 +93,8 @@ private:
     float m_fresh[kSamples];
 };
 
-/// The taps of one phase for rows whose outputs are `every` samples apart: each every-th tap side by side, and the table
-/// so long that no row goes round its end.
+/// The taps of one phase for rows whose outputs are `every` samples apart: each every-th tap side by side,
+/// and the table so long that no row goes round its end.
 template<std::size_t every>
 class CTapTable
 {
@@ -143,8 +145,8 @@ private:
 
 /// One product for each of as many sums, for as many slots from `slot` on.
 template<class View, class Meeting, std::size_t... k>
-HWY_INLINE void addProducts(WideVector (&sums)[kHalfRow], const View& view, const Meeting& taps, std::size_t slot,
-                            std::index_sequence<k...>)
+HWY_INLINE void addProducts(WideVector (&sums)[kHalfRow], const View& view, const Meeting& taps,
+                            std::size_t slot, std::index_sequence<k...>)
 {
     ((sums[k] = hn::Add(sums[k], hn::Mul(view.in(slot + k), taps.template with<k>(slot)))), ...);
 }
@@ -191,7 +193,8 @@ HWY_INLINE void giveScaled(WideVector row, std::size_t count, float scale, float
 HWY_INLINE float dotAt(const SRing& ring, const float* const banks[4])
 {
     const auto position = static_cast<unsigned>(ring.index);
-    return ringDot(banks[position & 3] + (ring.length - (position & ~3U)) % ring.length, ring.samples, ring.length);
+    return ringDot(banks[position & 3] + (ring.length - (position & ~3U)) % ring.length, ring.samples,
+                   ring.length);
 }
 
 HWY_INLINE void write(SRing& ring, float sample)
@@ -204,8 +207,8 @@ HWY_INLINE void stepDown(SRing& ring)
     ring.index = ring.index == 0 ? static_cast<int>(ring.length) - 1 : ring.index - 1;
 }
 
-HWY_INLINE std::size_t filterRows(SRing& ring, const float* bank, SConstColumn in, SColumn out, std::size_t frames,
-                                  float scale)
+HWY_INLINE std::size_t filterRows(SRing& ring, const float* bank, SConstColumn in, SColumn out,
+                                  std::size_t frames, float scale)
 {
     using View = CRingView<1>;
     if (!View::canView(ring))
@@ -224,8 +227,8 @@ HWY_INLINE std::size_t filterRows(SRing& ring, const float* bank, SConstColumn i
     return frames;
 }
 
-HWY_NOINLINE void ringFilter(SRing& ring, const float* const banks[4], SConstColumn in, SColumn out, unsigned frames,
-                             float scale)
+HWY_NOINLINE void ringFilter(SRing& ring, const float* const banks[4], SConstColumn in, SColumn out,
+                             unsigned frames, float scale)
 {
     for (std::size_t i = filterRows(ring, banks[0], in, out, frames, scale); i < frames; ++i)
     {
@@ -237,7 +240,8 @@ HWY_NOINLINE void ringFilter(SRing& ring, const float* const banks[4], SConstCol
 
 /// @return the frames that are done: all but those that make no output any more
 template<std::size_t every>
-HWY_INLINE std::size_t decimateRows(SRing& ring, const float* bank, SConstColumn in, SColumn out, std::size_t frames)
+HWY_INLINE std::size_t decimateRows(SRing& ring, const float* bank, SConstColumn in, SColumn out,
+                                    std::size_t frames)
 {
     using View = CRingView<every>;
     if (!View::canView(ring))
@@ -258,8 +262,8 @@ HWY_INLINE std::size_t decimateRows(SRing& ring, const float* bank, SConstColumn
     return done;
 }
 
-HWY_NOINLINE void ringDecimate(SRing& ring, const float* const banks[4], unsigned ratio, SConstColumn in, SColumn out,
-                               unsigned frames)
+HWY_NOINLINE void ringDecimate(SRing& ring, const float* const banks[4], unsigned ratio, SConstColumn in,
+                               SColumn out, unsigned frames)
 {
     std::size_t done = 0;
     if (ratio == 2)
@@ -276,8 +280,8 @@ HWY_NOINLINE void ringDecimate(SRing& ring, const float* const banks[4], unsigne
 }
 
 /// A row for each phase over the same samples.
-HWY_INLINE std::size_t interpolateRows(SRing& ring, const float* const* banks, unsigned ratio, SConstColumn in,
-                                       SColumn out, std::size_t frames, float scale)
+HWY_INLINE std::size_t interpolateRows(SRing& ring, const float* const* banks, unsigned ratio,
+                                       SConstColumn in, SColumn out, std::size_t frames, float scale)
 {
     using View = CRingView<1>;
     if (!View::canView(ring) || ratio > kMaxPhases)
@@ -298,16 +302,16 @@ HWY_INLINE std::size_t interpolateRows(SRing& ring, const float* const* banks, u
         {
             const std::size_t from = done * ratio + phase;
             const std::size_t wanted = from < frames ? (frames - from + ratio - 1) / ratio : 0;
-            giveScaled(sumRow(view, CTapTable<1>::CMeeting(taps[phase], position)), std::min(count, wanted), scale,
-                       out.samples + from * out.stride, std::size_t{ratio} * out.stride);
+            giveScaled(sumRow(view, CTapTable<1>::CMeeting(taps[phase], position)), std::min(count, wanted),
+                       scale, out.samples + from * out.stride, std::size_t{ratio} * out.stride);
         }
         view.settle(ring, count);
     }
     return frames;
 }
 
-HWY_NOINLINE void ringInterpolate(SRing& ring, const float* const* banks, unsigned ratio, SConstColumn in, SColumn out,
-                                  unsigned frames, float scale)
+HWY_NOINLINE void ringInterpolate(SRing& ring, const float* const* banks, unsigned ratio, SConstColumn in,
+                                  SColumn out, unsigned frames, float scale)
 {
     for (std::size_t i = interpolateRows(ring, banks, ratio, in, out, frames, scale); i < frames; ++i)
     {

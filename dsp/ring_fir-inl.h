@@ -369,8 +369,7 @@ HWY_INLINE void sumSlots(SRun& run, const Between& between)
         for (std::size_t i = 0; i < kRow; ++i)
         {
             const std::size_t samples = (run.frames - i + kRow - 1) / kRow;
-            groupOf<CSpacedSums>(samples)(run, run.newest - i, run.sums + i * kRow,
-                                          kRow * kRow);
+            groupOf<CSpacedSums>(samples)(run, run.newest - i, run.sums + i * kRow, kRow * kRow);
             between(samples);
         }
         return;

@@ -26,11 +26,7 @@ const SBlockConversions& s_blocks = bestConversions();
 class CRoundDown
 {
 public:
-    CRoundDown()
-        : m_callersMode(read() & kRounding)
-    {
-        write((read() & ~kRounding) | kTowardNegative);
-    }
+    CRoundDown() : m_callersMode(read() & kRounding) { write((read() & ~kRounding) | kTowardNegative); }
     ~CRoundDown() { write((read() & ~kRounding) | m_callersMode); }
     CRoundDown(const CRoundDown&) = delete;
     CRoundDown& operator=(const CRoundDown&) = delete;
@@ -99,7 +95,8 @@ template<typename T>
 bool readScalar(const byte_t* src, byte_t* dst, std::size_t count, double scale)
 {
     T seen = 0;
-    for (std::size_t i = 0; i < count; ++i) {
+    for (std::size_t i = 0; i < count; ++i)
+    {
         const T sample = readAs<T>(src + sizeof(T) * i);
         seen = static_cast<T>(seen | sample);
         writeAs(dst + 4 * i, static_cast<float>(sample * scale));
@@ -140,7 +137,8 @@ bool InternalNativeInt24ToFloat32_X86(const void* src, float* dst, unsigned coun
     if (count >= 6)
         return s_blocks.readInt24(from, to, count, static_cast<uint32_t>(mask));
     int32_t seen = 0;
-    for (std::size_t i = 0; i < count; ++i) {
+    for (std::size_t i = 0; i < count; ++i)
+    {
         const int32_t sample = int24At(from + 3 * i); // no mask: a short call keeps all 24 bits, as is meant
         seen |= sample;
         writeAs(to + 4 * i, static_cast<float>(sample * 0x1p-23));
@@ -162,7 +160,8 @@ bool Float32ToNativeInt16_X86(const float* src, void* dst, unsigned count)
 {
     const auto* from = reinterpret_cast<const byte_t*>(src);
     auto* to = static_cast<byte_t*>(dst);
-    if (count >= 8 && beyondBoundary(dst, 2) == 0) {
+    if (count >= 8 && beyondBoundary(dst, 2) == 0)
+    {
         const CRoundDown roundDown;
         return s_blocks.writeInt16(from, to, count);
     }
@@ -175,7 +174,8 @@ bool Float32ToNativeInt32_X86(const float* src, void* dst, unsigned count)
 {
     const auto* from = reinterpret_cast<const byte_t*>(src);
     auto* to = static_cast<byte_t*>(dst);
-    if (count >= 4 && beyondBoundary(dst, 4) == 0) {
+    if (count >= 4 && beyondBoundary(dst, 4) == 0)
+    {
         const CRoundDown roundDown;
         return s_blocks.writeInt32(from, to, count);
     }
@@ -188,11 +188,13 @@ bool InternalFloat32ToNativeInt24_X86(const float* src, void* dst, unsigned coun
 {
     const auto* from = reinterpret_cast<const byte_t*>(src);
     auto* to = static_cast<byte_t*>(dst);
-    if (count >= 6 && beyondBoundary(src, 4) == 0) {
+    if (count >= 6 && beyondBoundary(src, 4) == 0)
+    {
         const CRoundDown roundDown;
         return s_blocks.writeInt24(from, to, count, static_cast<uint32_t>(mask));
     }
-    for (std::size_t i = 0; i < count; ++i) {
+    for (std::size_t i = 0; i < count; ++i)
+    {
         const int32_t sample = int32From(readAs<float>(from + 4 * i)); // no mask here either
         const uint32_t word = static_cast<uint32_t>(sample) >> 8;
         const byte_t bytes[3] = {static_cast<byte_t>(word), static_cast<byte_t>(word >> 8),

@@ -83,8 +83,7 @@ struct SInt24Reader
     __m256i mask;
     __m256i seen = _mm256_setzero_si256();
 
-    explicit SInt24Reader(uint32_t maskIn)
-        : mask(_mm256_set1_epi32(static_cast<int>(maskIn & 0xFFFFFF00U)))
+    explicit SInt24Reader(uint32_t maskIn) : mask(_mm256_set1_epi32(static_cast<int>(maskIn & 0xFFFFFF00U)))
     {
     }
 
@@ -111,9 +110,7 @@ struct SRounder
     __m256i clipped = _mm256_setzero_si256();
 
     SRounder(float scaleIn, float lowIn, float highIn)
-        : scale(_mm256_set1_ps(scaleIn))
-        , low(_mm256_set1_ps(lowIn))
-        , high(_mm256_set1_ps(highIn))
+        : scale(_mm256_set1_ps(scaleIn)), low(_mm256_set1_ps(lowIn)), high(_mm256_set1_ps(highIn))
     {
     }
 
@@ -163,10 +160,7 @@ struct SInt24Writer
     __m256i mask;
     SRounder round = toInt32();
 
-    explicit SInt24Writer(uint32_t maskIn)
-        : mask(_mm256_set1_epi32(static_cast<int>(maskIn << 8)))
-    {
-    }
+    explicit SInt24Writer(uint32_t maskIn) : mask(_mm256_set1_epi32(static_cast<int>(maskIn << 8))) {}
 
     // The four bytes behind the block are zeroed; they belong to samples that a later block writes.
     void whole(const byte_t* src, byte_t* dst)

@@ -58,7 +58,8 @@ void convertBlocks(TConversion& conversion, const unsigned char* src, unsigned c
 
     C state = conversion; // a local copy stays in registers
     std::size_t done = 0;
-    if (offset != 0 || (otherOffset != 0 && !packedSide)) {
+    if (offset != 0 || (otherOffset != 0 && !packedSide))
+    {
         state.whole(src, dst);
         done = (C::kAlignment - offset) / (C::kAlignsDst ? C::kDstSize : C::kSrcSize);
     }

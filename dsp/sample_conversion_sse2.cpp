@@ -71,8 +71,8 @@ struct SInt24Reader
     __m128i seen = _mm_setzero_si128();
 
     explicit SInt24Reader(uint32_t mask)
-        : evenMask(_mm_set1_epi64x(static_cast<int64_t>(mask & 0xFFFFFF00U)))
-        , oddMask(_mm_slli_epi64(evenMask, 32))
+        : evenMask(_mm_set1_epi64x(static_cast<int64_t>(mask & 0xFFFFFF00U))),
+          oddMask(_mm_slli_epi64(evenMask, 32))
     {
     }
 
@@ -107,9 +107,7 @@ struct SRounder
     __m128i clipped = _mm_setzero_si128();
 
     SRounder(float scaleIn, float lowIn, float highIn)
-        : scale(_mm_set1_ps(scaleIn))
-        , low(_mm_set1_ps(lowIn))
-        , high(_mm_set1_ps(highIn))
+        : scale(_mm_set1_ps(scaleIn)), low(_mm_set1_ps(lowIn)), high(_mm_set1_ps(highIn))
     {
     }
 
@@ -157,8 +155,8 @@ struct SInt24Writer
     SRounder round = toInt32();
 
     explicit SInt24Writer(uint32_t mask)
-        : evenMask(_mm_set1_epi64x(static_cast<int64_t>(mask & 0xFFFFFFU)))
-        , oddMask(_mm_slli_epi64(evenMask, 24))
+        : evenMask(_mm_set1_epi64x(static_cast<int64_t>(mask & 0xFFFFFFU))),
+          oddMask(_mm_slli_epi64(evenMask, 24))
     {
     }
 

@@ -14,11 +14,7 @@ namespace event {
 class CDispatcher::CWalk
 {
 public:
-    explicit CWalk(CDispatcher& dispatcher)
-        : m_dispatcher(dispatcher)
-    {
-        ++m_dispatcher.walks;
-    }
+    explicit CWalk(CDispatcher& dispatcher) : m_dispatcher(dispatcher) { ++m_dispatcher.walks; }
     ~CWalk()
     {
         if (--m_dispatcher.walks != 0 || !m_dispatcher.entryEmptied)

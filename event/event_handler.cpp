@@ -6,8 +6,7 @@
 namespace event {
 
 CEventHandlerBase::CEventHandlerBase(unsigned int eventId, transport::ETransport registerOn)
-    : id(eventId)
-    , transport(registerOn)
+    : id(eventId), transport(registerOn)
 {
     if (transport != transport::kTransportNone)
         dispatch::RegisterHandler(transport, *this);

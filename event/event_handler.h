@@ -50,10 +50,7 @@ public:
     virtual void onEvent(T const& event) = 0;
 
 protected:
-    CEventHandler()
-        : CEventHandlerBase(CEventIdBase<T>::identity(), registerOn)
-    {
-    }
+    CEventHandler() : CEventHandlerBase(CEventIdBase<T>::identity(), registerOn) {}
 };
 
 } // namespace event

@@ -27,11 +27,7 @@ inline void initPriorityMutex(pthread_mutex_t& mutex, int type)
 class CMutexLock
 {
 public:
-    explicit CMutexLock(pthread_mutex_t& mutex)
-        : m_mutex(mutex)
-    {
-        pthread_mutex_lock(&m_mutex);
-    }
+    explicit CMutexLock(pthread_mutex_t& mutex) : m_mutex(mutex) { pthread_mutex_lock(&m_mutex); }
     ~CMutexLock() { pthread_mutex_unlock(&m_mutex); }
     CMutexLock(const CMutexLock&) = delete;
     CMutexLock& operator=(const CMutexLock&) = delete;

@@ -78,9 +78,11 @@ std::vector<real> impulseResponse(const std::vector<SBiquad>& chain, std::size_t
 {
     std::vector<real> signal(length);
     signal[0] = 1;
-    for (const SBiquad& f : chain) {
+    for (const SBiquad& f : chain)
+    {
         real s1 = 0, s2 = 0;
-        for (real& sample : signal) {
+        for (real& sample : signal)
+        {
             const real in = sample;
             sample = f.b0 * in + s1;
             s1 = f.b1 * in - f.a1 * sample + s2;
@@ -102,7 +104,8 @@ complex poleOf(const SBiquad& f)
 complex residue(const std::vector<SBiquad>& chain, std::size_t own, complex p)
 {
     complex r = 1;
-    for (std::size_t i = 0; i < chain.size(); ++i) {
+    for (std::size_t i = 0; i < chain.size(); ++i)
+    {
         const SBiquad& f = chain[i];
         if (i != own)
             r *= response(f, p);
@@ -126,7 +129,8 @@ std::vector<SSection> tailSections(const std::vector<SBiquad>& chain, const std:
                                    std::size_t start)
 {
     std::vector<SSection> sections;
-    for (std::size_t i = 0; i < chain.size(); ++i) {
+    for (std::size_t i = 0; i < chain.size(); ++i)
+    {
         const complex p = poleOf(chain[i]);
         complex firAtPole = 0;
         for (std::size_t k = fir.size(); k-- > 0;)
@@ -147,7 +151,8 @@ SSet makeSet(const std::vector<SBiquad>& chain, const std::vector<real>& fir, st
     const std::vector<real> recursive = impulseResponse(chain, numTaps);
     SSet set;
     set.taps.resize(numTaps);
-    for (std::size_t k = 0; k < fir.size(); ++k) {
+    for (std::size_t k = 0; k < fir.size(); ++k)
+    {
         for (std::size_t t = k; t < numTaps; ++t)
             set.taps[t] += fir[k] * recursive[t - k];
     }
@@ -162,13 +167,15 @@ std::vector<real> linearPhaseTreble(real fs, std::size_t centre)
     constexpr std::size_t kPoints = 1024; // the shelf's response has long died away within so many samples
     const SBiquad treble = shelf(kTrebleHz, kTrebleDb, fs, false);
     std::vector<real> omega(kPoints), magnitude(kPoints);
-    for (std::size_t i = 0; i < kPoints; ++i) {
+    for (std::size_t i = 0; i < kPoints; ++i)
+    {
         omega[i] = kPi * (static_cast<real>(i) + 0.5L) / kPoints;
         magnitude[i] = std::abs(response(treble, std::polar(real{1}, omega[i])));
     }
     std::vector<real> fir(2 * centre + 1);
     real sum = 0;
-    for (std::size_t k = 0; k < fir.size(); ++k) {
+    for (std::size_t k = 0; k < fir.size(); ++k)
+    {
         const real distance = static_cast<real>(k) - static_cast<real>(centre);
         for (std::size_t i = 0; i < kPoints; ++i)
             fir[k] += magnitude[i] * std::cos(omega[i] * distance) / kPoints;
@@ -204,7 +211,8 @@ real maxGainDb(const SLoudspeaker& speaker)
 {
     constexpr int fs = 48000;
     real largest = 0;
-    for (int hz = 1; hz < 1000; ++hz) {
+    for (int hz = 1; hz < 1000; ++hz)
+    {
         complex product = 1;
         for (const SBiquad& f : bassChain(speaker, fs))
             product *= response(f, std::polar(real{1}, 2 * kPi * hz / fs));
@@ -227,12 +235,14 @@ void printSet(int fs, bool minPhase, const SSet& set)
     std::printf("   <Coefficients Topology=\"FIIR\" Fs=\"%d\" MinPhase=\"%d\">\n", fs, minPhase ? 1 : 0);
     std::printf("    <FIR NbrOfTaps=\"%zu\">\n     <taps>[", set.taps.size());
     const char* separator = "";
-    for (const real tap : set.taps) {
+    for (const real tap : set.taps)
+    {
         std::printf("%s%s", separator, text(tap).c_str());
         separator = " ";
     }
     std::printf("]</taps>\n    </FIR>\n    <IIR NbrOfSections=\"%zu\">\n", set.sections.size());
-    for (const SSection& s : set.sections) {
+    for (const SSection& s : set.sections)
+    {
         std::printf("     <section>[%s %s %s %s]</section>\n", text(s.a1).c_str(), text(s.a2).c_str(),
                     text(s.b0).c_str(), text(s.b1).c_str());
     }
@@ -245,7 +255,8 @@ void printChannel(std::size_t index, const SLoudspeaker& speaker)
         "  <Channel Name=\"%s\" Number=\"%zu\" GaindB=\"%s\" Delayms=\"%s\" MaxFilterGaindB=\"%s\">\n",
         speaker.name, index + 1, text(speaker.gainDb).c_str(), text(speaker.delayMs).c_str(),
         text(maxGainDb(speaker)).c_str());
-    for (const int fs : kFilterRates) {
+    for (const int fs : kFilterRates)
+    {
         printSet(fs, false, standardSet(speaker, fs));
         printSet(fs, true, minimumPhaseSet(speaker, fs));
     }

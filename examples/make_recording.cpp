@@ -46,7 +46,8 @@ Signal pluck(double hz, CNoise& noise)
     Signal loop(static_cast<std::size_t>(kRate / hz));
     std::generate(loop.begin(), loop.end(), noise);
     Signal sound(frameAt(2.0));
-    for (std::size_t i = 0; i < sound.size(); ++i) {
+    for (std::size_t i = 0; i < sound.size(); ++i)
+    {
         double& oldest = loop[i % loop.size()];
         sound[i] = oldest;
         oldest = 0.498 * (oldest + loop[(i + 1) % loop.size()]);
@@ -59,7 +60,8 @@ Signal bassDrum()
 {
     Signal sound(frameAt(0.4));
     double phase = 0.0;
-    for (std::size_t i = 0; i < sound.size(); ++i) {
+    for (std::size_t i = 0; i < sound.size(); ++i)
+    {
         const double t = static_cast<double>(i) / kRate;
         phase += 2.0 * kPi * (45.0 + 105.0 * std::exp(-t * 30.0)) / kRate;
         sound[i] = std::sin(phase) * std::exp(-t * 9.0);
@@ -70,7 +72,8 @@ Signal bassDrum()
 Signal snare(CNoise& noise)
 {
     Signal sound(frameAt(0.25));
-    for (std::size_t i = 0; i < sound.size(); ++i) {
+    for (std::size_t i = 0; i < sound.size(); ++i)
+    {
         const double t = static_cast<double>(i) / kRate;
         sound[i] = (0.6 * noise() + 0.4 * std::sin(2.0 * kPi * 190.0 * t)) * std::exp(-t * 18.0);
     }
@@ -83,7 +86,8 @@ void mix(Stereo& recording, const Signal& sound, double seconds, double level, d
     const std::array<double, 2> gains = {level * std::cos(place * kPi / 2.0),
                                          level * std::sin(place * kPi / 2.0)};
     const std::size_t start = frameAt(seconds);
-    for (std::size_t side = 0; side < 2; ++side) {
+    for (std::size_t side = 0; side < 2; ++side)
+    {
         const std::size_t length = std::min(sound.size(), recording[side].size() - start);
         for (std::size_t i = 0; i < length; ++i)
             recording[side][start + i] += gains[side] * sound[i];
@@ -99,7 +103,8 @@ Stereo playMusic()
                                       {73.42, 146.83, 185.00, 293.66}};
     CNoise noise;
     Stereo recording = {Signal(frameAt(kSeconds)), Signal(frameAt(kSeconds))};
-    for (int beat = 0; beat * kBeat < kSeconds; ++beat) {
+    for (int beat = 0; beat * kBeat < kSeconds; ++beat)
+    {
         const auto& chord = kChords[beat / 4];
         const double now = beat * kBeat;
         if (beat % 2 == 0)
@@ -115,11 +120,14 @@ Stereo playMusic()
 
 void playIntoRoom(Stereo& recording)
 {
-    for (std::size_t side = 0; side < 2; ++side) {
-        for (const livingroom::SRoomMode& mode : livingroom::kLoudspeakers[side].modes) {
+    for (std::size_t side = 0; side < 2; ++side)
+    {
+        for (const livingroom::SRoomMode& mode : livingroom::kLoudspeakers[side].modes)
+        {
             const livingroom::SBiquad f = livingroom::bell(mode.hz, mode.db, mode.q, kRate);
             livingroom::real s1 = 0, s2 = 0;
-            for (double& sample : recording[side]) {
+            for (double& sample : recording[side])
+            {
                 const livingroom::real in = sample, out = f.b0 * in + s1;
                 s1 = f.b1 * in - f.a1 * out + s2;
                 s2 = f.b2 * in - f.a2 * out;
@@ -134,8 +142,10 @@ Signal interleaved(const Stereo& recording)
 {
     double peak = 0.0;
     Signal samples;
-    for (std::size_t i = 0; i < recording[0].size(); ++i) {
-        for (const Signal& side : recording) {
+    for (std::size_t i = 0; i < recording[0].size(); ++i)
+    {
+        for (const Signal& side : recording)
+        {
             samples.push_back(side[i]);
             peak = std::max(peak, std::abs(side[i]));
         }
@@ -149,7 +159,8 @@ Signal interleaved(const Stereo& recording)
 
 int main(int argc, char** argv)
 {
-    if (argc != 2) {
+    if (argc != 2)
+    {
         std::fprintf(stderr, "usage: make_recording OUT.wav\n");
         return 2;
     }
@@ -163,7 +174,8 @@ int main(int argc, char** argv)
     info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_24;
     SNDFILE* file = sf_open(argv[1], SFM_WRITE, &info);
     const auto frames = static_cast<sf_count_t>(recording[0].size());
-    if (file == nullptr || sf_writef_double(file, samples.data(), frames) != frames || sf_close(file) != 0) {
+    if (file == nullptr || sf_writef_double(file, samples.data(), frames) != frames || sf_close(file) != 0)
+    {
         std::fprintf(stderr, "make_recording: '%s' cannot be written: %s\n", argv[1], sf_strerror(file));
         return 1;
     }

@@ -14,8 +14,8 @@ namespace korvo::filter {
 
 namespace {
 
-using korvodsp::CFilteringEngine;
 using korvo::parser::FIIR::SSection;
+using korvodsp::CFilteringEngine;
 
 constexpr unsigned kHighestFilterRate = 96000;
 constexpr int kReleasePolls = 100;
@@ -37,7 +37,8 @@ struct SDiscardFilter
 };
 using FilterHandle = std::unique_ptr<void, SDiscardFilter>;
 
-FilterHandle makeFilter(const float* taps, unsigned nbrOfTaps, const SSection* sections, unsigned nbrOfSections)
+FilterHandle makeFilter(const float* taps, unsigned nbrOfTaps, const SSection* sections,
+                        unsigned nbrOfSections)
 {
     void* raw = nullptr;
     if (!korvodsp::FIIR_InitRaw(korvodsp::kInitAuto, &raw))
@@ -112,7 +113,8 @@ CFIIRFilter::~CFIIRFilter()
 
 unsigned CFIIRFilter::loadAndReadFilter(juce::String newPath, bool minPhase)
 {
-    // A path that is not absolute counts from the working directory, where juce::File alone would object to it.
+    // A path that is not absolute counts from the working directory, where juce::File alone would object to
+    // it.
     const juce::File file = juce::File::getCurrentWorkingDirectory().getChildFile(newPath);
     if (!file.existsAsFile())
         return kStatusNoFile;
@@ -140,16 +142,16 @@ unsigned CFIIRFilter::clear()
     return kStatusOk;
 }
 
-/// No handle may die while the audio thread can still use it. The engine lets go of a filter inside its process(), one
-/// faded block after the mark. A call that was under way at the mark may have missed it, though: it may take over a
-/// filter that was only pending, which no slot shows until then, and wipe the mark out. So that call has to return,
-/// and the mark is set again with every poll.
+/// No handle may die while the audio thread can still use it. The engine lets go of a filter inside its
+/// process(), one faded block after the mark. A call that was under way at the mark may have missed it,
+/// though: it may take over a filter that was only pending, which no slot shows until then, and wipe the mark
+/// out. So that call has to return, and the mark is set again with every poll.
 void CFIIRFilter::waitForRelease()
 {
     if (standardFilters.empty() && minPhaseFilters.empty())
         return;
-    // The first sleep comes before any look: the audio thread announces its calls with a plain store, which may stay
-    // unseen for a moment.
+    // The first sleep comes before any look: the audio thread announces its calls with a plain store, which
+    // may stay unseen for a moment.
     int pollsLeft = kReleasePolls - 1;
     juce::Thread::sleep(kReleasePollMs);
     const CPassInProgress pass(engine);
@@ -198,8 +200,8 @@ unsigned CFIIRFilter::loadFilter(const FilterMap& map)
     return kStatusOk;
 }
 
-/// Each filter that the engine takes clears the whole channel. The one that is heard comes last, so that nothing clears
-/// it while the audio thread fades it in already.
+/// Each filter that the engine takes clears the whole channel. The one that is heard comes last, so that
+/// nothing clears it while the audio thread fades it in already.
 void CFIIRFilter::giveToEngine(unsigned channel, const _tag_SFilter& filter)
 {
     const std::uint32_t heardRate = engine.getSampleRate();
@@ -263,8 +265,8 @@ unsigned CFIIRFilter::IFIIRCallback_Wants() const
     return 7;
 }
 
-bool CFIIRFilter::IFIIRCallback_FilterInfo(const char* projectName, const char*, unsigned, const char*, const char*,
-                                           const char*)
+bool CFIIRFilter::IFIIRCallback_FilterInfo(const char* projectName, const char*, unsigned, const char*,
+                                           const char*, const char*)
 {
     name = decodeUtf8(projectName);
     operatingMode.store(kModeNone, std::memory_order_relaxed);
@@ -303,8 +305,9 @@ void CFIIRFilter::permuteChannelBits(unsigned channelIndex, unsigned target)
     channelBits[channelIndex] = bit;
 }
 
-bool CFIIRFilter::IFIIRCallback_FilterData(unsigned, unsigned fs, bool minPhase, const float* taps, unsigned nbrOfTaps,
-                                           const SSection* sections, unsigned nbrOfSections)
+bool CFIIRFilter::IFIIRCallback_FilterData(unsigned, unsigned fs, bool minPhase, const float* taps,
+                                           unsigned nbrOfTaps, const SSection* sections,
+                                           unsigned nbrOfSections)
 {
     if (fs > kHighestFilterRate)
     {
@@ -335,8 +338,8 @@ void CFIIRFilter::estimateHighBand(unsigned fs, bool minPhase, const float* taps
     // A count beyond int is negative here, and refused as too short.
     korvotoolbox::SEstimate estimate =
         estimator->estimate(taps, static_cast<int>(nbrOfTaps), kHighBandCentre);
-    // A filter of a few taps is refused, and memory can be out; the filter loads all the same. Its largest tap is then
-    // what comes nearest to it.
+    // A filter of a few taps is refused, and memory can be out; the filter loads all the same. Its largest
+    // tap is then what comes nearest to it.
     if (estimate.status != korvotoolbox::kEstimateDone)
     {
         const int peak = largestTap(taps, nbrOfTaps);

@@ -18,13 +18,13 @@ class CDelayGainEstimator;
 
 namespace korvo::filter {
 
-/// Between the filter document and the engine: builds one FIIR filter per channel, sample rate and operating mode
-/// of a document, owns them all, hands those of one mode to the engine and takes them away again when another
-/// document comes. It also keeps, per channel, the delay and gain that the high band needs to stay in step with the
-/// corrected low band.
+/// Between the filter document and the engine: builds one FIIR filter per channel, sample rate and operating
+/// mode of a document, owns them all, hands those of one mode to the engine and takes them away again when
+/// another document comes. It also keeps, per channel, the delay and gain that the high band needs to stay in
+/// step with the corrected low band.
 ///
-/// Threads: the host's control thread; while it waits for a document, a pool thread in the IFIIRCallback operations.
-/// The audio thread reads getHighBand() and getOperatingMode() and nothing else.
+/// Threads: the host's control thread; while it waits for a document, a pool thread in the IFIIRCallback
+/// operations. The audio thread reads getHighBand() and getOperatingMode() and nothing else.
 class CFIIRFilter : public korvo::parser::FIIR::IFIIRCallback
 {
 public:
@@ -50,12 +50,13 @@ public:
     CFIIRFilter(const CFIIRFilter&) = delete;
     CFIIRFilter& operator=(const CFIIRFilter&) = delete;
 
-    /// Reads a document and activates mode 2 if `minPhase`, else mode 1. Returns a status of krv.h: 3 if there is no
-    /// such file (nothing has changed then), 2 if it cannot be read or is refused (the old filter is gone), else 0.
+    /// Reads a document and activates mode 2 if `minPhase`, else mode 1. Returns a status of krv.h: 3 if
+    /// there is no such file (nothing has changed then), 2 if it cannot be read or is refused (the old filter
+    /// is gone), else 0.
     unsigned loadAndReadFilter(juce::String path, bool minPhase);
 
-    /// Takes every filter out of the engine, waits for the audio thread to let go, and discards them all. Without an
-    /// audio thread the wait takes 1.01 s. Always 0.
+    /// Takes every filter out of the engine, waits for the audio thread to let go, and discards them all.
+    /// Without an audio thread the wait takes 1.01 s. Always 0.
     unsigned clear();
 
     /// Activates the sets of one mode; nothing happens if they are active already.
@@ -64,7 +65,8 @@ public:
     /// Puts the gains and delays of the document's mode 1 sets into the engine, whichever mode is active.
     void setDefaultGainAndDelay();
 
-    /// Whether any channel has a filter for `rate` in the active mode, or the document names it as a high rate.
+    /// Whether any channel has a filter for `rate` in the active mode, or the document names it as a high
+    /// rate.
     bool supportsSampleRate(unsigned rate) const;
 
     /// Latency of the active mode in ms, mode 1 if none is active; negative while unknown.
@@ -82,8 +84,8 @@ public:
     /// One of EMode. Real time: yes.
     unsigned getOperatingMode() const { return operatingMode.load(std::memory_order_relaxed); }
 
-    /// What the high band of `channel`, below kMaxChannels, needs in the active mode at base rate 88200 or 96000.
-    /// Without an active mode: gain 1, delay 0. Real time: yes.
+    /// What the high band of `channel`, below kMaxChannels, needs in the active mode at base rate 88200 or
+    /// 96000. Without an active mode: gain 1, delay 0. Real time: yes.
     SHighBand getHighBand(unsigned baseRate, unsigned channel) const;
 
     unsigned IFIIRCallback_Wants() const override;
@@ -133,8 +135,8 @@ private:
     float maxGain = 0.0F;
     float minPhaseLatency = -1.0F;
     float standardLatency = -1.0F;
-    // The audio thread reads single words of these tables while a load may be writing others: each word is whole, and
-    // there is nothing that a gain and its delay could break between them.
+    // The audio thread reads single words of these tables while a load may be writing others: each word is
+    // whole, and there is nothing that a gain and its delay could break between them.
     HighBandTable<float> highBandGain96000;
     HighBandTable<std::int32_t> highBandDelay96000;
     HighBandTable<float> highBandGain88200;

@@ -24,7 +24,8 @@ SndfilePointer openForReading(const std::string& path, SF_INFO& info)
     if (std::filesystem::is_regular_file(path, ignored) && std::filesystem::file_size(path, ignored) == 0)
         throw CCommandError(kExitFailed, inQuotes(path) + " is empty; an audio file is needed");
     SndfilePointer file(sf_open(path.c_str(), SFM_READ, &info));
-    if (file == nullptr) {
+    if (file == nullptr)
+    {
         const bool notAudio = sf_error(nullptr) == SF_ERR_UNRECOGNISED_FORMAT;
         throw CCommandError(
             kExitFailed,
@@ -36,11 +37,10 @@ SndfilePointer openForReading(const std::string& path, SF_INFO& info)
 
 } // namespace
 
-CAudioInput::CAudioInput(const std::string& path)
-    : m_path(path)
-    , m_file(openForReading(path, m_info))
+CAudioInput::CAudioInput(const std::string& path) : m_path(path), m_file(openForReading(path, m_info))
 {
-    if (m_info.channels > KRV_MAX_CHANNELS) {
+    if (m_info.channels > KRV_MAX_CHANNELS)
+    {
         throw CCommandError(kExitFailed, inQuotes(path) + " has " + std::to_string(m_info.channels) +
                                              " channels; 1 to " + std::to_string(KRV_MAX_CHANNELS) +
                                              " can be processed");
@@ -64,7 +64,8 @@ std::size_t CAudioInput::readSamples(void* block, std::size_t frames)
     const auto wanted = static_cast<sf_count_t>(frames);
     const std::size_t samples = frames * channels();
     sf_count_t read = 0;
-    switch (m_format) {
+    switch (m_format)
+    {
     case ESampleFormat::Int16:
         read = sf_readf_short(m_file.get(), static_cast<short*>(block), wanted);
         break;
@@ -95,7 +96,8 @@ void CAudioInput::read(void* block, std::size_t frames)
         return;
     const std::size_t read = readSamples(block, available);
     m_framesRead += read;
-    if (read < available) {
+    if (read < available)
+    {
         throw CCommandError(kExitFailed, inQuotes(m_path) + " ends early: " + std::to_string(m_framesRead) +
                                              " of " + std::to_string(this->frames()) +
                                              " frames could be read");

@@ -63,7 +63,8 @@ SF_INFO sndfileInfo(const SOutputForm& form)
 std::string possibleFormats(SOutputForm form)
 {
     std::string names;
-    for (const ESampleFormat format : kSampleFormats) {
+    for (const ESampleFormat format : kSampleFormats)
+    {
         form.format = format;
         const SF_INFO info = sndfileInfo(form);
         if (sf_format_check(&info) != 0)
@@ -83,7 +84,8 @@ mode_t newFileMode()
 
 void checkOutputName(const std::string& path)
 {
-    if (findContainer(path) == nullptr) {
+    if (findContainer(path) == nullptr)
+    {
         throw CCommandError(
             kExitUsage, inQuotes(path) + " names no format; OUT may end in .wav, .flac, .aiff, .aif or .w64");
     }
@@ -97,14 +99,16 @@ void checkOutput(const SOutputForm& form)
         throw CCommandError(kExitFailed,
                             inQuotes(form.path) + " is there and is not a file that could be replaced");
     const SF_INFO info = sndfileInfo(form);
-    if (sf_format_check(&info) == 0) {
+    if (sf_format_check(&info) == 0)
+    {
         throw CCommandError(kExitUsage, inQuotes(form.path) + " cannot hold " +
                                             sampleFormatName(form.format) + " samples; --format may be " +
                                             possibleFormats(form));
     }
     const std::uint64_t bytes = form.frames * form.channels * bytesPerSample(form.format);
     const std::uint64_t limit = findContainer(form.path)->maxBytes;
-    if (limit != 0 && bytes > limit) {
+    if (limit != 0 && bytes > limit)
+    {
         throw CCommandError(kExitFailed, inQuotes(form.path) +
                                              " would grow past the 4 GiB that its format can hold; "
                                              "a name in .w64 has no such limit");
@@ -137,12 +141,14 @@ SF_VIRTUAL_IO CAudioOutput::virtualFile()
     file.write = [](const void* block, sf_count_t bytes, void* user) -> sf_count_t {
         auto& output = *static_cast<CAudioOutput*>(user);
         sf_count_t written = 0;
-        while (written < bytes) {
+        while (written < bytes)
+        {
             const ssize_t step = ::write(output.m_descriptor, static_cast<const char*>(block) + written,
                                          static_cast<std::size_t>(bytes - written));
             if (step < 0 && errno == EINTR)
                 continue;
-            if (step <= 0) {
+            if (step <= 0)
+            {
                 if (output.m_error == 0)
                     output.m_error = step < 0 ? errno : ENOSPC;
                 break;
@@ -157,8 +163,7 @@ SF_VIRTUAL_IO CAudioOutput::virtualFile()
     return file;
 }
 
-CAudioOutput::CAudioOutput(const SOutputForm& form, const CAudioInput& input)
-    : m_form(form)
+CAudioOutput::CAudioOutput(const SOutputForm& form, const CAudioInput& input) : m_form(form)
 {
     std::error_code noTarget;
     const fs::path target = fs::weakly_canonical(form.path, noTarget);
@@ -171,7 +176,8 @@ CAudioOutput::CAudioOutput(const SOutputForm& form, const CAudioInput& input)
     SF_INFO info = sndfileInfo(form);
     SF_VIRTUAL_IO io = virtualFile();
     m_file.reset(sf_open_virtual(&io, SFM_WRITE, &info, this));
-    if (m_file == nullptr || fchmod(m_descriptor, newFileMode()) != 0) {
+    if (m_file == nullptr || fchmod(m_descriptor, newFileMode()) != 0)
+    {
         const std::string reason = m_error != 0 ? std::strerror(m_error) : sndfileReason(nullptr);
         removeUnfinished();
         close(m_descriptor);
@@ -200,7 +206,8 @@ void CAudioOutput::removeUnfinished()
 void CAudioOutput::copyDescription(const CAudioInput& input)
 {
     // Where a container has no room for it, the description stays behind and the audio matters.
-    for (int kind = SF_STR_FIRST; kind <= SF_STR_LAST; ++kind) {
+    for (int kind = SF_STR_FIRST; kind <= SF_STR_LAST; ++kind)
+    {
         if (const char* text = sf_get_string(input.sndfile(), kind))
             sf_set_string(m_file.get(), kind, text);
     }
@@ -220,7 +227,8 @@ void CAudioOutput::write(const void* block, std::size_t frames)
 {
     const auto wanted = static_cast<sf_count_t>(frames);
     sf_count_t written = 0;
-    switch (m_form.format) {
+    switch (m_form.format)
+    {
     case ESampleFormat::Int16:
         written = sf_writef_short(m_file.get(), static_cast<const short*>(block), wanted);
         break;

@@ -59,7 +59,8 @@ SBenchRow measure(CProcessor& processor, const SBenchRequest& request, std::uint
     for (std::uint64_t block = 0; block < kFewestBlocks; ++block) // caches and clocks warm up
         processor.process(noise.data(), out.data(), blockFrames);
     const auto end = Clock::now() + std::chrono::duration<double>(request.seconds);
-    while (row.times.count() < kFewestBlocks || Clock::now() < end) {
+    while (row.times.count() < kFewestBlocks || Clock::now() < end)
+    {
         const auto start = Clock::now();
         processor.process(noise.data(), out.data(), blockFrames);
         row.times.add(Clock::now() - start);
@@ -70,7 +71,8 @@ SBenchRow measure(CProcessor& processor, const SBenchRequest& request, std::uint
 void printTable(const std::vector<SBenchRow>& rows)
 {
     std::cout << "    rate  block   median     99 %  maximum   median time\n";
-    for (const SBenchRow& row : rows) {
+    for (const SBenchRow& row : rows)
+    {
         std::cout << formatted("  %6u  %5u  %6.2f%%  %6.2f%%  %6.2f%%   %8.1f us%s\n", row.stream.rate,
                                row.blockFrames, 100.0 * row.share(row.times.median()),
                                100.0 * row.share(row.times.percentile99()),
@@ -82,7 +84,8 @@ void printTable(const std::vector<SBenchRow>& rows)
 std::string jsonText(const std::string& text)
 {
     std::string json = "\"";
-    for (const char letter : text) {
+    for (const char letter : text)
+    {
         if (letter == '"' || letter == '\\')
             json += std::string("\\") + letter;
         else if (static_cast<unsigned char>(letter) < 0x20)
@@ -98,7 +101,8 @@ void printJson(const SBenchRequest& request, const std::string& name, const std:
     std::cout << "{\"filter\": " << jsonText(name) << ", \"mode\": " << request.mode
               << ", \"channels\": " << request.channels << ", \"rows\": [";
     const char* separator = "\n";
-    for (const SBenchRow& row : rows) {
+    for (const SBenchRow& row : rows)
+    {
         const auto& times = row.times;
         std::cout << separator
                   << formatted("  {\"rate\": %u, \"baseRate\": %u, \"block\": %u, \"blocks\": %llu,",
@@ -130,13 +134,15 @@ void run(SBenchRequest request)
     CProcessor processor(SBlockForm{.channels = request.channels, .frames = *std::rbegin(kBlockFrames)});
     processor.load(request.filter);
     processor.requireMode(request.mode);
-    if (!request.json) {
+    if (!request.json)
+    {
         std::cout << inQuotes(printable(processor.filterName())) << ", mode " << request.mode << ", "
                   << counted(request.channels, "channel")
                   << ": time per block as a share of real time on one core\n";
     }
     std::vector<SBenchRow> rows;
-    for (const std::uint32_t rate : processor.rates()) {
+    for (const std::uint32_t rate : processor.rates())
+    {
         for (const std::uint32_t blockFrames : kBlockFrames)
             rows.push_back(measure(processor, request, rate, blockFrames));
     }

@@ -25,8 +25,7 @@ class CCommandError : public std::runtime_error
 {
 public:
     CCommandError(EExitCode exitCode, const std::string& message)
-        : std::runtime_error(message)
-        , m_exitCode(exitCode)
+        : std::runtime_error(message), m_exitCode(exitCode)
     {
     }
 

@@ -51,10 +51,12 @@ std::uint64_t declaredLength(const Head& head)
         length = littleEndian(head, 4, 4);
     else if (magic == "RIFX" || magic == "FORM")
         length = bigEndian(head, 4, 4);
-    else if (magic == ".snd") {
+    else if (magic == ".snd")
+    {
         beyondField = bigEndian(head, 4, 4);
         length = bigEndian(head, 8, 4);
-    } else if (magic == "RF64")
+    }
+    else if (magic == "RF64")
         return littleEndian(head, 20, 8) + 8; // the ds64 chunk always comes first
     else if (magic == "riff")
         return littleEndian(head, 16, 8); // W64; counts its own header

@@ -31,7 +31,8 @@ fs::path homeFolder()
 std::string desktopFolder(const fs::path& home, const std::string& name)
 {
     std::ifstream list(home / ".config/user-dirs.dirs");
-    for (std::string line; std::getline(list, line);) {
+    for (std::string line; std::getline(list, line);)
+    {
         const std::size_t start = line.find_first_not_of(" \t");
         const std::size_t equals = line.find('=');
         if (start == std::string::npos || equals == std::string::npos ||
@@ -51,7 +52,8 @@ std::string desktopFolder(const fs::path& home, const std::string& name)
 std::vector<std::string> listFilters(krv_handle handle)
 {
     std::vector<std::string> names;
-    for (;;) {
+    for (;;)
+    {
         std::array<char, 4096> name{};
         // One byte less than there is: a name that is cut is not terminated.
         const int status = krv_filters_enumerate(handle, static_cast<std::uint32_t>(names.size()),

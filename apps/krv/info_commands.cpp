@@ -28,7 +28,8 @@ std::string channelText(const std::vector<std::uint32_t>& routing)
 void printMode(CProcessor& processor, std::uint32_t mode)
 {
     std::cout << "  mode " << mode << "    ";
-    if (!processor.setMode(mode)) {
+    if (!processor.setMode(mode))
+    {
         std::cout << "not in this document\n";
         return;
     }

@@ -20,7 +20,8 @@ constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
 
 void onSignal(int signal)
 {
-    if (!s_interrupted) {
+    if (!s_interrupted)
+    {
         s_interrupted = true;
         return;
     }

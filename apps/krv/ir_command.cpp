@@ -35,7 +35,9 @@ int zeroCrossing(std::vector<float>& channel, int peak, bool before)
 {
     const int length = static_cast<int>(channel.size());
     const auto at = [&](int index) { return channel[static_cast<std::size_t>(index)]; };
-    const auto hasPeaksSign = [&](int index) { return at(peak) > 0.0F ? at(index) > 0.0F : at(index) < 0.0F; };
+    const auto hasPeaksSign = [&](int index) {
+        return at(peak) > 0.0F ? at(index) > 0.0F : at(index) < 0.0F;
+    };
     int from = peak;
     // The search starts at index 1 at the earliest.
     if (!before && peak == 0 && length > 1)
@@ -44,7 +46,8 @@ int zeroCrossing(std::vector<float>& channel, int peak, bool before)
             return 1;
         from = 1;
     }
-    const int found = korvotoolbox::findIdxOfZeroCrossingBeforeOrAfterIdx(channel.data(), length, from, before);
+    const int found =
+        korvotoolbox::findIdxOfZeroCrossingBeforeOrAfterIdx(channel.data(), length, from, before);
     // At the end of the response the search gives up with its last sample.
     return found == (before ? 0 : length - 1) && hasPeaksSign(found) ? -1 : found;
 }
@@ -67,8 +70,7 @@ void printChannel(std::vector<float>& channel, std::uint32_t rate, float level)
     }
     std::cout << "    level             " << linearAsDecibels(std::fabs(value)) << " peak, "
               << linearAsDecibels(rootMeanSquare(channel)) << " RMS\n"
-              << "    peak              " << place(peak, rate)
-              << formatted("  value %+.6g\n", value)
+              << "    peak              " << place(peak, rate) << formatted("  value %+.6g\n", value)
               << "    start, level      "
               << place(korvotoolbox::findIdxWhereAbsFirstExceeds(channel.data(), length, level), rate)
               << formatted("  first at %g of the peak\n", static_cast<double>(level))
@@ -170,9 +172,10 @@ void addIrCommand(CLI::App& program)
     SImpulseRequest& request = options->request;
     command->add_option("IN", request.input, "Impulse response at 44100, 48000, 88200 or 96000 Hz")
         ->required();
-    command->add_option("OUT", request.output,
-                        "File to write, in .wav, .flac, .aiff, .aif or .w64. Samples of 16, 24 or 32 bits stay as they "
-                        "are; all others are written as 32-bit floats");
+    command->add_option(
+        "OUT", request.output,
+        "File to write, in .wav, .flac, .aiff, .aif or .w64. Samples of 16, 24 or 32 bits stay as they "
+        "are; all others are written as 32-bit floats");
     command->add_flag(
         "--trim", options->trim,
         "Cuts the front, by default at the last sample below 0.01 of the peak that lies before the first "

@@ -41,13 +41,17 @@ int run(int argc, char** argv)
     addCommands(program);
     for (CLI::App* command : program.get_subcommands({}))
         command->set_version_flag("--version", "krv " KRV_VERSION);
-    try {
+    try
+    {
         program.parse(argc, argv);
-    } catch (const CLI::Success& wanted) // --help and --version
+    }
+    catch (const CLI::Success& wanted) // --help and --version
     {
         program.exit(wanted);
         return flushed();
-    } catch (const CLI::ParseError& error) {
+    }
+    catch (const CLI::ParseError& error)
+    {
         return fail(krv::kExitUsage, std::string(error.what()) + " (see krv --help)");
     }
     if (program.get_subcommands().empty())
@@ -59,13 +63,20 @@ int run(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
-    try {
+    try
+    {
         return run(argc, argv);
-    } catch (const krv::CCommandError& error) {
+    }
+    catch (const krv::CCommandError& error)
+    {
         return fail(error.exitCode(), error.what());
-    } catch (const std::bad_alloc&) {
+    }
+    catch (const std::bad_alloc&)
+    {
         return fail(krv::kExitFailed, "out of memory");
-    } catch (const std::exception& error) {
+    }
+    catch (const std::exception& error)
+    {
         return fail(krv::kExitFailed, error.what());
     }
 }

@@ -53,8 +53,7 @@ bool looksLikePath(const std::string& text)
 
 } // namespace
 
-CProcessor::CProcessor(const SBlockForm& form)
-    : m_form(form)
+CProcessor::CProcessor(const SBlockForm& form) : m_form(form)
 {
     const int status = krv_create(
         &m_handle, static_cast<std::int32_t>(form.channels), static_cast<std::int32_t>(form.frames),
@@ -110,7 +109,8 @@ void CProcessor::loadListed(const std::string& indexOrName)
     std::size_t index = names.size();
     if (isIndex(indexOrName))
         index = std::stoul(indexOrName);
-    else {
+    else
+    {
         const auto found = std::find(names.begin(), names.end(), indexOrName);
         if (found != names.end() && std::count(found, names.end(), indexOrName) > 1)
             throw CCommandError(kExitFailed, "several filters are named " + inQuotes(indexOrName) +
@@ -128,7 +128,8 @@ bool CProcessor::setMode(std::uint32_t mode)
 {
     std::uint32_t active = 0;
     krv_getFilterOperatingMode(m_handle, &active);
-    if (active != mode) {
+    if (active != mode)
+    {
         krv_setFilterOperatingMode(m_handle, mode);
         krv_getFilterOperatingMode(m_handle, &active);
     }
@@ -149,7 +150,8 @@ void CProcessor::requireMode(std::uint32_t mode)
 
 SStreamRate CProcessor::start(std::uint32_t rate, const std::string& origin)
 {
-    if (krv_setSamplerate(m_handle, rate) != KRV_STATUS_OK) {
+    if (krv_setSamplerate(m_handle, rate) != KRV_STATUS_OK)
+    {
         throw CCommandError(kExitFailed, inQuotes(origin) + " is at " + std::to_string(rate) +
                                              " Hz; the filter offers " + rateList(rates()));
     }

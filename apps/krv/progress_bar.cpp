@@ -9,8 +9,7 @@
 namespace krv {
 
 CProgressBar::CProgressBar(std::uint64_t total, bool wanted)
-    : m_total(total)
-    , m_visible(wanted && total > 0 && isatty(STDERR_FILENO) == 1)
+    : m_total(total), m_visible(wanted && total > 0 && isatty(STDERR_FILENO) == 1)
 {
 }
 

@@ -54,12 +54,8 @@ class CBlockLoop
 {
 public:
     CBlockLoop(CAudioInput& input, CProcessor& processor, CAudioOutput& output, SRenderReport& report)
-        : m_input(input)
-        , m_processor(processor)
-        , m_output(output)
-        , m_report(report)
-        , m_in(blockBytes(input.format()))
-        , m_out(blockBytes(report.outputFormat))
+        : m_input(input), m_processor(processor), m_output(output), m_report(report),
+          m_in(blockBytes(input.format())), m_out(blockBytes(report.outputFormat))
     {
     }
 
@@ -67,7 +63,8 @@ public:
     void run(std::uint64_t skipped, bool showProgress, const CInterruptGuard& interrupt)
     {
         CProgressBar bar(m_report.frames, showProgress);
-        for (std::uint64_t written = 0; written < m_report.frames; bar.show(written)) {
+        for (std::uint64_t written = 0; written < m_report.frames; bar.show(written))
+        {
             interrupt.check();
             processBlock();
             const std::uint64_t dropped = std::min<std::uint64_t>(skipped, m_report.blockFrames);

@@ -76,7 +76,8 @@ void printSummary(const SRenderRequest& request, const SRenderReport& report)
 
 void checkGain(double gainDb)
 {
-    if (std::isnan(gainDb) || gainDb > 0.0) {
+    if (std::isnan(gainDb) || gainDb > 0.0)
+    {
         throw CCommandError(kExitUsage,
                             formatted("--gain: %g dB would amplify; the overall gain only attenuates, "
                                       "give 0 or a negative number",
@@ -122,7 +123,8 @@ void addRenderCommand(CLI::App& program)
                       "Takes the latency off, so that OUT starts and ends as IN does");
     command->add_flag("--quiet", request->quiet, "Prints nothing unless something is wrong");
     command->callback([request, format] {
-        for (const ESampleFormat candidate : kSampleFormats) {
+        for (const ESampleFormat candidate : kSampleFormats)
+        {
             if (sampleFormatName(candidate) == *format)
                 request->format = candidate;
         }

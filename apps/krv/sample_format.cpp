@@ -9,7 +9,8 @@ namespace krv {
 
 std::string sampleFormatName(ESampleFormat format)
 {
-    switch (format) {
+    switch (format)
+    {
     case ESampleFormat::Int16:
         return "int16";
     case ESampleFormat::Int24:
@@ -24,7 +25,8 @@ std::string sampleFormatName(ESampleFormat format)
 
 std::size_t bytesPerSample(ESampleFormat format)
 {
-    switch (format) {
+    switch (format)
+    {
     case ESampleFormat::Int16:
         return 2;
     case ESampleFormat::Int24:
@@ -38,7 +40,8 @@ std::size_t bytesPerSample(ESampleFormat format)
 
 int sndfileSubtype(ESampleFormat format)
 {
-    switch (format) {
+    switch (format)
+    {
     case ESampleFormat::Int16:
         return SF_FORMAT_PCM_16;
     case ESampleFormat::Int24:
@@ -53,7 +56,8 @@ int sndfileSubtype(ESampleFormat format)
 
 ESampleFormat nearestSampleFormat(int subtype)
 {
-    switch (subtype) {
+    switch (subtype)
+    {
     case SF_FORMAT_PCM_S8:
     case SF_FORMAT_PCM_U8:
     case SF_FORMAT_DPCM_8:
@@ -84,7 +88,8 @@ bool isExactFormat(int subtype)
 
 void packInt24(const int* words, std::size_t samples, unsigned char* packed)
 {
-    for (std::size_t i = 0; i < samples; ++i) {
+    for (std::size_t i = 0; i < samples; ++i)
+    {
         const auto word = static_cast<std::uint32_t>(words[i]);
         packed[3 * i] = static_cast<unsigned char>(word >> 8);
         packed[3 * i + 1] = static_cast<unsigned char>(word >> 16);
@@ -94,7 +99,8 @@ void packInt24(const int* words, std::size_t samples, unsigned char* packed)
 
 void unpackInt24(const unsigned char* packed, std::size_t samples, int* words)
 {
-    for (std::size_t i = 0; i < samples; ++i) {
+    for (std::size_t i = 0; i < samples; ++i)
+    {
         const std::uint32_t word = static_cast<std::uint32_t>(packed[3 * i]) << 8 |
                                    static_cast<std::uint32_t>(packed[3 * i + 1]) << 16 |
                                    static_cast<std::uint32_t>(packed[3 * i + 2]) << 24;

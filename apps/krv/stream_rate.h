@@ -20,7 +20,8 @@ struct SStreamRate
 
 inline SStreamRate streamRate(std::uint32_t rate)
 {
-    switch (rate) {
+    switch (rate)
+    {
     case 176400:
     case 192000:
         return {rate, rate / 2, 2, 41};

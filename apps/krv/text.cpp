@@ -23,7 +23,8 @@ std::string formatted(const char* format, ...)
 
 std::string printable(std::string text)
 {
-    for (char& letter : text) {
+    for (char& letter : text)
+    {
         if (std::iscntrl(static_cast<unsigned char>(letter)) != 0)
             letter = '?';
     }

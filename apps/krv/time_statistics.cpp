@@ -38,7 +38,8 @@ double CTimeStatistics::quantile(double share) const
 {
     const auto wanted = static_cast<std::uint64_t>(std::ceil(share * static_cast<double>(m_count)));
     std::uint64_t reached = 0;
-    for (std::size_t bin = 0; bin < m_bins.size(); ++bin) {
+    for (std::size_t bin = 0; bin < m_bins.size(); ++bin)
+    {
         reached += m_bins[bin];
         if (reached >= wanted && reached > 0)
             return std::min(middleOf(bin) * 1e-9, maximum());

@@ -21,7 +21,8 @@ void step(SRing& ring)
     ring.index = ring.index == 0 ? static_cast<int>(ring.length) - 1 : ring.index - 1;
 }
 
-void filter(SRing& ring, const float* const banks[4], SConstColumn in, SColumn out, unsigned frames, float scale)
+void filter(SRing& ring, const float* const banks[4], SConstColumn in, SColumn out, unsigned frames,
+            float scale)
 {
     for (std::size_t i = 0; i < frames; ++i)
     {
@@ -31,7 +32,8 @@ void filter(SRing& ring, const float* const banks[4], SConstColumn in, SColumn o
     }
 }
 
-void decimate(SRing& ring, const float* const banks[4], unsigned ratio, SConstColumn in, SColumn out, unsigned frames)
+void decimate(SRing& ring, const float* const banks[4], unsigned ratio, SConstColumn in, SColumn out,
+              unsigned frames)
 {
     float* next = out.samples;
     for (std::size_t i = 0; i < frames; ++i)
@@ -46,8 +48,8 @@ void decimate(SRing& ring, const float* const banks[4], unsigned ratio, SConstCo
     }
 }
 
-void interpolate(SRing& ring, const float* const* banks, unsigned ratio, SConstColumn in, SColumn out, unsigned frames,
-                 float scale)
+void interpolate(SRing& ring, const float* const* banks, unsigned ratio, SConstColumn in, SColumn out,
+                 unsigned frames, float scale)
 {
     const float* next = in.samples;
     for (std::size_t i = 0; i < frames; ++i)

@@ -26,15 +26,8 @@ constexpr std::uint32_t kRingHeaderBytes = sizeof(SRingHeader);
 } // namespace
 
 IpcStorage::IpcStorage(unsigned int bytes, const char* ringName, bool client)
-    : name{}
-    , owner(!client)
-    , size(bytes)
-    , mask(bytes - 1)
-    , handle(VirtMem::INVALID_NATIVE_HANDLE)
-    , base(nullptr)
-    , data(nullptr)
-    , head(nullptr)
-    , tail(nullptr)
+    : name{}, owner(!client), size(bytes), mask(bytes - 1), handle(VirtMem::INVALID_NATIVE_HANDLE),
+      base(nullptr), data(nullptr), head(nullptr), tail(nullptr)
 {
     void* memory = VirtMem::alloc(size + kRingHeaderBytes, ringName,
                                   client ? VirtMem::kOpenExisting : VirtMem::kOpenCreate,

@@ -13,9 +13,7 @@ constexpr std::size_t kSpareBytes = 8;
 } // namespace
 
 LocalStorage::LocalStorage(unsigned int bytes)
-    : size(bytes)
-    , mask(bytes - 1)
-    , data(new unsigned char[bytes + kSpareBytes]())
+    : size(bytes), mask(bytes - 1), data(new unsigned char[bytes + kSpareBytes]())
 {
 }
 

@@ -15,20 +15,14 @@ void IpcNotificationBase::forceNotify()
     signalSemaphore(semaphore);
 }
 
-IpcPoster::IpcPoster(const char* name)
-    : IpcNotificationBase(name, true)
-{
-}
+IpcPoster::IpcPoster(const char* name) : IpcNotificationBase(name, true) {}
 
 bool IpcPoster::post()
 {
     return signalSemaphore(semaphore);
 }
 
-IpcWaiter::IpcWaiter(const char* name)
-    : IpcNotificationBase(name, false)
-{
-}
+IpcWaiter::IpcWaiter(const char* name) : IpcNotificationBase(name, false) {}
 
 bool IpcWaiter::wait(unsigned int timeoutMs)
 {

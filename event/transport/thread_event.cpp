@@ -20,8 +20,7 @@ struct Event::SBlock
     bool manualReset = false;
 };
 
-Event::Event()
-    : block(new SBlock)
+Event::Event() : block(new SBlock)
 {
     pthread_cond_init(&block->condition, nullptr);
     initPriorityMutex(block->mutex, PTHREAD_MUTEX_DEFAULT);

@@ -128,7 +128,8 @@ TEST(Control, BadArgumentsAreRefused)
     EXPECT_EQ(krv_setFilterOperatingMode(processor, 0), KRV_STATUS_BAD_ARGUMENT);
     EXPECT_EQ(krv_setFilterOperatingMode(processor, 3), KRV_STATUS_BAD_ARGUMENT);
     char text[4];
-    EXPECT_EQ(krv_getFilterName(nullptr, text, 0), KRV_STATUS_BAD_ARGUMENT) << "the length comes before the handle";
+    EXPECT_EQ(krv_getFilterName(nullptr, text, 0), KRV_STATUS_BAD_ARGUMENT)
+        << "the length comes before the handle";
     EXPECT_EQ(krv_getFilterName(processor, nullptr, 4), KRV_STATUS_BAD_ARGUMENT);
 }
 
@@ -225,7 +226,8 @@ TEST(FilterLoad, AFailedReloadShowsInTheOperatingMode)
 TEST(FilterLoad, TextAndListsGiveWhatFits)
 {
     CProcessor processor(2);
-    const auto file = processor.folder().write("f.korvo", korvotest::documentText(stereo(), "H\xC3\xB6rraum"));
+    const auto file =
+        processor.folder().write("f.korvo", korvotest::documentText(stereo(), "H\xC3\xB6rraum"));
     ASSERT_EQ(krv_loadFilterFromFile(processor, file.c_str()), KRV_STATUS_OK);
 
     char text[16];
@@ -276,7 +278,7 @@ TEST(SampleRate, FollowsWhatTheDocumentOffers)
         unsigned rate;
         int status;
     };
-    constexpr SCase kCases[] = {{48000, 0}, {32000, 0},  {44100, 7},  {96000, 7},  {128000, 7},
+    constexpr SCase kCases[] = {{48000, 0},  {32000, 0},  {44100, 7},  {96000, 7},  {128000, 7},
                                 {176400, 0}, {352800, 7}, {192000, 7}, {384000, 7}, {0, 7}};
     for (const SCase& c : kCases)
         EXPECT_EQ(krv_setSamplerate(processor, c.rate), c.status) << c.rate;

@@ -19,9 +19,9 @@ struct SCreateCase
 };
 
 constexpr SCreateCase kCreateCases[] = {
-    {8, 4096, 5, 5, 0}, {1, 16, 1, 4, 0},   {2, 17, 2, 3, 0},     {0, 256, 5, 5, 3},  {9, 256, 5, 5, 3},
-    {-1, 256, 5, 5, 3}, {2, 15, 5, 5, 3},   {2, 4097, 5, 5, 3},   {2, -256, 5, 5, 3}, {2, 256, 0, 5, 3},
-    {2, 256, 6, 5, 3},  {2, 256, 5, 0, 3},  {2, 256, 5, 6, 3},    {2, 256, -1, 5, 3}, {INT32_MAX, 16, 5, 5, 3},
+    {8, 4096, 5, 5, 0}, {1, 16, 1, 4, 0},  {2, 17, 2, 3, 0},   {0, 256, 5, 5, 3},  {9, 256, 5, 5, 3},
+    {-1, 256, 5, 5, 3}, {2, 15, 5, 5, 3},  {2, 4097, 5, 5, 3}, {2, -256, 5, 5, 3}, {2, 256, 0, 5, 3},
+    {2, 256, 6, 5, 3},  {2, 256, 5, 0, 3}, {2, 256, 5, 6, 3},  {2, 256, -1, 5, 3}, {INT32_MAX, 16, 5, 5, 3},
 };
 
 /// Bytes per sample by format number.
@@ -33,8 +33,8 @@ TEST(Instance, CreationKeepsToItsLimits)
 {
     for (const SCreateCase& c : kCreateCases)
     {
-        SCOPED_TRACE(testing::Message() << c.channels << " channels, " << c.frames << " frames, formats " << c.input
-                                        << " and " << c.output);
+        SCOPED_TRACE(testing::Message() << c.channels << " channels, " << c.frames << " frames, formats "
+                                        << c.input << " and " << c.output);
         krv_handle const untouched = reinterpret_cast<krv_handle>(std::uintptr_t{0x1234});
         krv_handle handle = untouched;
         ASSERT_EQ(krv_create(&handle, c.channels, c.frames, c.input, c.output), c.status);
@@ -94,7 +94,8 @@ TEST(Instance, BlocksOutsideTheCreatedSizeAreRefusedUntouched)
     std::vector<float> output(400, 7.0F);
     EXPECT_EQ(krv_process(processor, input.data(), output.data(), 101, 2), KRV_STATUS_BAD_ARGUMENT);
     EXPECT_EQ(krv_process(processor, input.data(), output.data(), 100, 3), KRV_STATUS_BAD_ARGUMENT);
-    EXPECT_EQ(krv_process(processor, input.data(), output.data(), UINT32_MAX, UINT32_MAX), KRV_STATUS_BAD_ARGUMENT);
+    EXPECT_EQ(krv_process(processor, input.data(), output.data(), UINT32_MAX, UINT32_MAX),
+              KRV_STATUS_BAD_ARGUMENT);
     EXPECT_EQ(krv_process(processor, nullptr, output.data(), 16, 1), KRV_STATUS_BAD_ARGUMENT);
     EXPECT_EQ(krv_process(processor, input.data(), nullptr, 16, 1), KRV_STATUS_BAD_ARGUMENT);
     EXPECT_EQ(krv_process(processor, input.data(), output.data(), 0, 2), KRV_STATUS_OK);
@@ -104,9 +105,10 @@ TEST(Instance, BlocksOutsideTheCreatedSizeAreRefusedUntouched)
 
 TEST(Instance, EveryPairOfFormatsCarriesTheSignal)
 {
-    // Values that every format holds exactly. The 20-bit writer drops the first four of 24 bits and its reader the last
-    // four, so none is negative and none reaches 1/16.
-    const std::vector<float> values = {0.0F, 0.03125F, 0.0234375F, 0.0F, 0.015625F, 0.0078125F, 0.03125F, 0.0F};
+    // Values that every format holds exactly. The 20-bit writer drops the first four of 24 bits and its
+    // reader the last four, so none is negative and none reaches 1/16.
+    const std::vector<float> values = {0.0F,      0.03125F,   0.0234375F, 0.0F,
+                                       0.015625F, 0.0078125F, 0.03125F,   0.0F};
     for (int in = 1; in <= 5; ++in)
         for (int out = 1; out <= 5; ++out)
         {
@@ -152,10 +154,9 @@ TEST(Memory, BlocksAreAlignedAndBounded)
         std::uint32_t alignment;
         bool given;
     };
-    constexpr SCase kCases[] = {{0, 16, false},         {-1, 16, false},        {1, 2, false},
-                                {1, 12, false},         {1, 32, false},         {0x4000001, 16, false},
-                                {INT32_MIN, 4, false},  {1, 4, true},           {7, 8, true},
-                                {0x4000000, 16, true}};
+    constexpr SCase kCases[] = {{0, 16, false}, {-1, 16, false},        {1, 2, false},         {1, 12, false},
+                                {1, 32, false}, {0x4000001, 16, false}, {INT32_MIN, 4, false}, {1, 4, true},
+                                {7, 8, true},   {0x4000000, 16, true}};
     for (const SCase& c : kCases)
     {
         SCOPED_TRACE(testing::Message() << c.size << " bytes at " << c.alignment);

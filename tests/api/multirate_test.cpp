@@ -55,13 +55,15 @@ TEST(MultirateTables, AreWhatTwoLowPassesLeaveOfAnImpulse)
         float atCentre, beside;
     } const rows[] = {{0, kLowPass2Size, 22, 41, 3, 0.731328905F, -0.235768557F},
                       {1, kLowPass4Size, 44, 81, 7, 0.865378559F, -0.130336538F}};
-    for (const auto& row : rows) {
+    for (const auto& row : rows)
+    {
         const SResamplingFilter& tables = resamplingFilters[row.row];
         std::vector<long double> lowPass(tables.lowPass, tables.lowPass + row.stored);
         lowPass.resize(2 * row.middle + 1, 0.0L);
         for (std::size_t i = 0; i < lowPass.size(); ++i)
             EXPECT_EQ(lowPass[i], lowPass[2 * row.middle - i]) << "row " << row.row << " at " << i;
-        for (std::size_t n = 0; n < static_cast<std::size_t>(tables.highPassLength); ++n) {
+        for (std::size_t n = 0; n < static_cast<std::size_t>(tables.highPassLength); ++n)
+        {
             long double rest = n == row.centre ? 1.0L : 0.0L;
             for (std::size_t i = 0; i <= n + row.shift; ++i)
                 if (i < lowPass.size() && n + row.shift - i < lowPass.size())
@@ -88,7 +90,8 @@ TEST(MultirateFilter, IsPreparedForItsRow)
         std::size_t row;
         uint32_t decimator, interpolator, highPass;
     } const rows[] = {{0, 44, 24, 84}, {1, 84, 44, 164}};
-    for (const auto& row : rows) {
+    for (const auto& row : rows)
+    {
         SChannel channel(1);
         floats_t block(512, 1.0F), low(512), high(512);
         const SHighRateBlock blocks{block.data(), low.data(), high.data(), 512, 0, 1};
@@ -126,9 +129,9 @@ class CPlainChannel
 {
 public:
     explicit CPlainChannel(std::size_t row)
-        : m_ratio(row == 0 ? 2 : 4)
-        , m_decimator(resamplingFilters[row].lowPass, resamplingFilters[row].lowPassLength, 1, 0)
-        , m_highPass(resamplingFilters[row].highPass, resamplingFilters[row].highPassLength, 1, 0)
+        : m_ratio(row == 0 ? 2 : 4),
+          m_decimator(resamplingFilters[row].lowPass, resamplingFilters[row].lowPassLength, 1, 0),
+          m_highPass(resamplingFilters[row].highPass, resamplingFilters[row].highPassLength, 1, 0)
     {
         for (int phase = 0; phase < m_ratio; ++phase)
             m_interpolator.emplace_back(resamplingFilters[row].lowPass,
@@ -140,19 +143,22 @@ public:
         floats_t high, out;
         int phase = 0;
         std::size_t written = 0;
-        for (std::size_t f = 0; f < in.size(); ++f) {
+        for (std::size_t f = 0; f < in.size(); ++f)
+        {
             const float delayed = m_delay[m_delayIndex];
             m_delay[m_delayIndex] = in[f];
             m_delayIndex = m_delayIndex == 0 ? band.totalDelay : m_delayIndex - 1;
             m_highPass.push(delayed);
             high.push_back(m_highPass.dot(0) * band.gain);
             m_decimator.push(in[f]);
-            if (++phase == m_ratio) {
+            if (++phase == m_ratio)
+            {
                 m_low[written++] = m_decimator.dot(0) * 0.75F; // what the engine of the test does
                 phase = 0;
             }
         }
-        for (std::size_t f = 0; f < in.size(); ++f) {
+        for (std::size_t f = 0; f < in.size(); ++f)
+        {
             const std::size_t p = f % static_cast<std::size_t>(m_ratio);
             if (p == 0)
                 for (SFir& fir : m_interpolator)
@@ -188,7 +194,8 @@ private:
             const std::size_t length = ring.size();
             const std::size_t at = (index + length - steps) % length;
             float lanes[4][4] = {};
-            for (std::size_t m = 0; m < length; ++m) {
+            for (std::size_t m = 0; m < length; ++m)
+            {
                 float& lane = lanes[m < length / 16 * 16 ? m / 4 % 4 : 0][m % 4];
                 lane += taps[(m + length - at) % length] * ring[m];
             }
@@ -210,7 +217,8 @@ TEST(HighRatePath, EqualsThePlainPathWhateverTheBlocks)
 {
     std::mt19937 random = korvotest::makeRandom(121);
     constexpr uint32_t kChannels = 3, kChannel = 1, kMaxFrames = 300;
-    for (const std::size_t row : {0U, 1U}) {
+    for (const std::size_t row : {0U, 1U})
+    {
         const uint32_t ratio = row == 0 ? 2 : 4;
         SChannel channel(row);
         CPlainChannel plain(row);
@@ -219,7 +227,8 @@ TEST(HighRatePath, EqualsThePlainPathWhateverTheBlocks)
         floats_t buffers[3] = {floats_t(kMaxFrames * kChannels, 7.0F), floats_t(kMaxFrames * kChannels),
                                floats_t(kMaxFrames * kChannels, 7.0F)};
         const uint32_t delays[] = {0, 1, 250, 3, kMaxTotalDelay, 120};
-        for (int round = 0; round < 60; ++round) {
+        for (int round = 0; round < 60; ++round)
+        {
             const uint32_t frames = random() % 4 == 0
                                         ? static_cast<uint32_t>(random() % kMaxFrames)
                                         : static_cast<uint32_t>(random() % (kMaxFrames / 4)) * ratio;
@@ -247,12 +256,14 @@ TEST(HighRatePath, EqualsThePlainPathWhateverTheBlocks)
 TEST(HighRatePath, AnyMultipleOfTheRatioIsAsGoodAsTheWhole)
 {
     std::mt19937 random = korvotest::makeRandom(122);
-    for (const std::size_t row : {0U, 1U}) {
+    for (const std::size_t row : {0U, 1U})
+    {
         const uint32_t ratio = row == 0 ? 2 : 4;
         const floats_t in = korvotest::makeNoise(random, 4096);
         floats_t pieces = in, low(in.size()), high(in.size());
         SChannel channel(row);
-        for (uint32_t done = 0; done < in.size();) {
+        for (uint32_t done = 0; done < in.size();)
+        {
             const uint32_t frames =
                 std::min<uint32_t>(ratio * static_cast<uint32_t>(random() % 50), 4096 - done);
             processHighRate(channel.parts(), {pieces.data() + done, low.data(), high.data(), frames, 0, 1},
@@ -296,7 +307,8 @@ std::pair<double, double> levelsOf(std::size_t row, int bin)
     const floats_t out = runMono(row, in);
     std::complex<double> at = 0.0;
     double power = 0.0;
-    for (std::size_t i = kWindow; i < in.size(); ++i) {
+    for (std::size_t i = kWindow; i < in.size(); ++i)
+    {
         at += std::polar(static_cast<double>(out[i]),
                          -2 * std::numbers::pi * bin * static_cast<double>(i) / kWindow);
         power += static_cast<double>(out[i]) * static_cast<double>(out[i]);
@@ -307,12 +319,14 @@ std::pair<double, double> levelsOf(std::size_t row, int bin)
 TEST(HighRatePath, KeepsTheLevelOfATone)
 {
     double deepest = 0.0, deepestAt = 0.0;
-    for (int bin = 5; bin < 2048; bin += 17) {
+    for (int bin = 5; bin < 2048; bin += 17)
+    {
         const double frequency = bin * 192000.0 / 4096;
         const double level = levelsOf(0, bin).first;
         EXPECT_LT(level, 0.05) << frequency << " Hz";
         EXPECT_GT(level, frequency <= 16000 || frequency >= 40000 ? -0.05 : -0.84) << frequency << " Hz";
-        if (level < deepest) {
+        if (level < deepest)
+        {
             deepest = level;
             deepestAt = frequency;
         }

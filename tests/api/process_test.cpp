@@ -42,9 +42,10 @@ std::vector<double> correct(const SSet& set, const std::vector<float>& input)
     return output;
 }
 
-/// Runs one channel's samples through the processor in blocks of the given length, as channel `channel` of `channels`.
-std::vector<float> run(krv_handle handle, const std::vector<float>& input, std::size_t frames, unsigned channels,
-                       unsigned channel)
+/// Runs one channel's samples through the processor in blocks of the given length, as channel `channel` of
+/// `channels`.
+std::vector<float> run(krv_handle handle, const std::vector<float>& input, std::size_t frames,
+                       unsigned channels, unsigned channel)
 {
     std::vector<float> output;
     for (std::size_t start = 0; start < input.size(); start += frames)
@@ -53,8 +54,9 @@ std::vector<float> run(krv_handle handle, const std::vector<float>& input, std::
         std::vector<float> block(count * channels);
         for (std::size_t i = 0; i < count; ++i)
             block[i * channels + channel] = input[start + i];
-        EXPECT_EQ(krv_process(handle, block.data(), block.data(), static_cast<std::uint32_t>(count), channels),
-                  KRV_STATUS_OK);
+        EXPECT_EQ(
+            krv_process(handle, block.data(), block.data(), static_cast<std::uint32_t>(count), channels),
+            KRV_STATUS_OK);
         for (std::size_t i = 0; i < count; ++i)
             output.push_back(block[i * channels + channel]);
     }
@@ -65,7 +67,8 @@ std::vector<float> tone(double frequency, double rate, std::size_t frames)
 {
     std::vector<float> samples(frames);
     for (std::size_t i = 0; i < frames; ++i)
-        samples[i] = static_cast<float>(0.5 * std::sin(2.0 * std::numbers::pi * frequency * static_cast<double>(i) / rate));
+        samples[i] = static_cast<float>(
+            0.5 * std::sin(2.0 * std::numbers::pi * frequency * static_cast<double>(i) / rate));
     return samples;
 }
 
@@ -74,7 +77,10 @@ std::vector<float> tone(double frequency, double rate, std::size_t frames)
 TEST(Process, CorrectsEachChannelWithItsOwnFilter)
 {
     std::mt19937 random = korvotest::makeRandom(7);
-    SSet left{48000, false, korvotest::makeNoise(random, 100, 0.2F), {{-1.6F, 0.7F, 0.05F, 0.02F}, {0.3F, 0.1F, 0.2F, 0.0F}}};
+    SSet left{48000,
+              false,
+              korvotest::makeNoise(random, 100, 0.2F),
+              {{-1.6F, 0.7F, 0.05F, 0.02F}, {0.3F, 0.1F, 0.2F, 0.0F}}};
     SSet right{48000, false, korvotest::makeNoise(random, 37, 0.2F), kNoSection};
     std::vector<SChannel> channels(2);
     channels[0].sets = {left};
@@ -92,7 +98,8 @@ TEST(Process, CorrectsEachChannelWithItsOwnFilter)
         const std::vector<double> expected = correct(channel == 0 ? left : right, input);
         // 100 products of magnitude 0.2 and a section with a gain of about 10 round in single precision.
         for (std::size_t t = 0; t < input.size(); ++t)
-            ASSERT_NEAR(static_cast<double>(output[t]), expected[t], 2e-5) << "channel " << channel << " frame " << t;
+            ASSERT_NEAR(static_cast<double>(output[t]), expected[t], 2e-5)
+                << "channel " << channel << " frame " << t;
     }
 }
 
@@ -119,8 +126,10 @@ TEST(Process, BlockLengthsDoNotShowInTheOutput)
 TEST(Process, AHighRateNeedsTwoBandsThatLineUp)
 {
     // Where a filter passes its input unchanged, low and high band add up to the input, one sample apart.
-    for (const auto& [rate, base, latency] : {std::tuple{176400U, 88200U, 41U}, {192000U, 96000U, 41U},
-                                              {352800U, 88200U, 81U}, {384000U, 96000U, 81U}})
+    for (const auto& [rate, base, latency] : {std::tuple{176400U, 88200U, 41U},
+                                              {192000U, 96000U, 41U},
+                                              {352800U, 88200U, 81U},
+                                              {384000U, 96000U, 81U}})
     {
         SCOPED_TRACE(rate);
         CProcessor processor(1, 256);
@@ -133,9 +142,8 @@ TEST(Process, AHighRateNeedsTwoBandsThatLineUp)
         const std::size_t start = 512;
         impulse[start] = 1.0F;
         const std::vector<float> output = run(processor, impulse, 256, 1, 0);
-        const auto largest = std::max_element(output.begin(), output.end(), [](float a, float b) {
-            return std::abs(a) < std::abs(b);
-        });
+        const auto largest = std::max_element(output.begin(), output.end(),
+                                              [](float a, float b) { return std::abs(a) < std::abs(b); });
         const std::size_t delayInFilter = 3 * (rate / base);
         const auto position = static_cast<std::size_t>(largest - output.begin());
         EXPECT_NEAR(static_cast<double>(position), static_cast<double>(start + latency + delayInFilter), 1.0);

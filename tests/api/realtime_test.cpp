@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// Proof that the audio path neither allocates nor enters the kernel, and that creation survives without memory.
-// Sanitizers do both behind its back and have a heap of their own, so that there is nothing to prove under them.
+// Proof that the audio path neither allocates nor enters the kernel, and that creation survives without
+// memory. Sanitizers do both behind its back and have a heap of their own, so that there is nothing to prove
+// under them.
 #include <gtest/gtest.h>
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
@@ -36,7 +37,8 @@ bool noteAllocation()
 
 } // namespace
 
-// Every way into the C library's heap, `new` among them, goes through these and is counted while a test says so.
+// Every way into the C library's heap, `new` among them, goes through these and is counted while a test says
+// so.
 extern "C" {
 
 void* __libc_malloc(std::size_t);
@@ -126,8 +128,8 @@ void fill(SBlock& block)
         block.input[i] = static_cast<unsigned char>(i * 37 % 0x3F); // small exponents: finite as floats
 }
 
-/// Runs `audio` on a thread that the kernel kills at any system call but read, write and exit, with `control` beside
-/// it, and ends the process: with success if the thread has come through and has not touched the heap.
+/// Runs `audio` on a thread that the kernel kills at any system call but read, write and exit, with `control`
+/// beside it, and ends the process: with success if the thread has come through and has not touched the heap.
 template<typename Audio, typename Control>
 [[noreturn]] void runLockedDown(Audio&& audio, Control&& control)
 {

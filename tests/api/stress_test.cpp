@@ -48,7 +48,8 @@ private:
         {
             for (unsigned i = 0; i < kFrames; ++i)
             {
-                const double angle = 2.0 * std::numbers::pi * 100.0 / 48000.0 * static_cast<double>((frame + i) % 480);
+                const double angle =
+                    2.0 * std::numbers::pi * 100.0 / 48000.0 * static_cast<double>((frame + i) % 480);
                 block[2 * i] = block[2 * i + 1] = static_cast<float>(kAmplitude * std::sin(angle));
             }
             krv_process(handle, block, block, kFrames, 2);
@@ -117,8 +118,8 @@ TEST(StressThreads, FilterChangesAreHeardAsFades)
     EXPECT_TRUE(heard.finite);
     EXPECT_GT(heard.blocks, 100);
     EXPECT_LE(heard.largest, 0.5F + 1e-6F);
-    // The sine moves by 0.0065 a sample. A fade over 128 frames between 0.5 and -0.3 adds at most pi/2 of the mean
-    // step of its raised cosine; a hard switch would jump by 0.8.
+    // The sine moves by 0.0065 a sample. A fade over 128 frames between 0.5 and -0.3 adds at most pi/2 of the
+    // mean step of its raised cosine; a hard switch would jump by 0.8.
     const double sine = kAmplitude * 2.0 * std::numbers::pi * 100.0 / 48000.0;
     const double fade = std::numbers::pi / 2.0 * 1.6 * kAmplitude / kFrames;
     EXPECT_LE(static_cast<double>(heard.largestStep), 1.6 * sine + fade);

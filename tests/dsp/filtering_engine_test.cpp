@@ -99,7 +99,8 @@ struct SPlainChannel
         float g = appliedGain;
         appliedGain = gain;
         const unsigned d = std::min(delay, kMaxDelay);
-        for (float& sample : column) {
+        for (float& sample : column)
+        {
             past.push_back(sample);
             sample = g * (past.size() > d ? past[past.size() - 1 - d] : 0.0F);
             g += step;
@@ -110,7 +111,8 @@ struct SPlainChannel
     void process(bool wanted, bool stageEnabled, const std::vector<float>& dry, std::vector<float>& out)
     {
         wanted = wanted && (pending == nullptr || pending == current);
-        if (current != nullptr && (wanted || active)) {
+        if (current != nullptr && (wanted || active))
+        {
             std::vector<float> wet(dry.size());
             korvodsp::FIIR_Process(current, dry.data(), wet.data(), static_cast<unsigned>(dry.size()));
             if (stageEnabled)
@@ -131,7 +133,8 @@ struct SPlainChannel
         const float c = static_cast<float>(2.0 * std::cos(static_cast<double>(w)));
         float before = c * 0.5F * 0.5F;
         float s = 0.5F;
-        for (std::size_t k = 0; k < from.size(); ++k) {
+        for (std::size_t k = 0; k < from.size(); ++k)
+        {
             from[k] = (0.5F - s) * to[k] + (s + 0.5F) * from[k];
             before = std::exchange(s, s * c - before);
         }
@@ -155,7 +158,8 @@ void comparePlain(std::mt19937& random, unsigned channel)
     CFilteringEngine engine(channel + 1);
     engine.initFilters(&kRate, 1);
     ASSERT_TRUE(engine.init(kRate, kMaxFrames, 8, kMaxDelay));
-    for (int round = 0; round < 2000; ++round) {
+    for (int round = 0; round < 2000; ++round)
+    {
         if (draw(6) == 0)
             engine.setChannelGain(channel,
                                   plain.gain = static_cast<float>(draw(4)) / (draw(2) == 0 ? 3.0F : -3.0F));
@@ -163,22 +167,26 @@ void comparePlain(std::mt19937& random, unsigned channel)
             engine.setChannelDelay(channel, static_cast<float>(plain.delay = draw(140)));
         if (draw(20) == 0)
             engine.setOverallGain(static_cast<float>(draw(5)) / 3.0F - 0.3F);
-        if (draw(20) == 0) {
+        if (draw(20) == 0)
+        {
             engine.enableDelayAndGain(draw(4) != 0);
             plain.past.resize(engine.isDelayAndGainEnabled() ? 0 : plain.past.size());
         }
-        if (draw(4) == 0) {
+        if (draw(4) == 0)
+        {
             const unsigned i = draw(2);
             void* const none = i == 0 ? nullptr : CFilteringEngine::kInactiveFilter;
             const bool some = draw(4) != 0;
             engine.setFilterForChannel(draw(2) * kRate, channel, some ? filters[i].get() : none);
             plain.setFilter(some ? filters[i + 2].get() : none);
         }
-        if (draw(40) == 0) {
+        if (draw(40) == 0)
+        {
             engine.removeAllFiltersHard();
             plain.current = plain.pending = nullptr;
         }
-        if (draw(40) == 0) {
+        if (draw(40) == 0)
+        {
             ASSERT_TRUE(engine.init(kRate, kMaxFrames, 8, kMaxDelay));
             plain.reset();
         }
@@ -193,7 +201,8 @@ void comparePlain(std::mt19937& random, unsigned channel)
         korvotest::CGuardedBuffer<float> out(in.size());
         out.assign(expected);
         std::vector<float> dry(frames), column(frames);
-        for (std::size_t i = 0; i < frames; ++i) {
+        for (std::size_t i = 0; i < frames; ++i)
+        {
             dry[i] = in[i * stride + channel];
             column[i] = expected[i * stride + channel];
         }
@@ -302,7 +311,8 @@ TEST(FilteringEngine, HoldsSettingsAndDelaysWithinTheirRange)
                 {1e30F, 1.0F, 1e30F, 4800},     {INFINITY, 1.0F, INFINITY, 4800},
                 {-1.0F, -1.0F, 0.0F, 0},        {NAN, 1.0F, 0.0F, 0}};
     CFilteringEngine engine(1);
-    for (const auto& row : rows) {
+    for (const auto& row : rows)
+    {
         engine.setOverallGain(row.set);
         engine.setChannelDelay(0, row.set);
         EXPECT_EQ(engine.getOverallGain(), row.overallGain);
@@ -318,7 +328,8 @@ TEST(FilteringEngine, DelaysUpToTheLimitAndDoesWithoutADelayLine)
     EXPECT_EQ(korvodsp::delayRingBytes(9600), 65536U);
     EXPECT_EQ(korvodsp::delayRingBytes(0), 0U);
     EXPECT_EQ(korvodsp::delayRingBytes(0xFFFFFFFFU), 0U);
-    for (const unsigned maxDelay : {32U, 0xFFFFFFFFU}) {
+    for (const unsigned maxDelay : {32U, 0xFFFFFFFFU})
+    {
         SMono mono(maxDelay);
         const auto unity = makeTap(1.0F);
         mono.engine.setChannelDelay(0, 1e30F);
@@ -334,8 +345,8 @@ TEST(FilteringEngine, DelaysUpToTheLimitAndDoesWithoutADelayLine)
 
 namespace {
 
-/// Until a whole call of process() has begun and ended: a filter is offered again only when no call can be in the
-/// middle of taking it over.
+/// Until a whole call of process() has begun and ended: a filter is offered again only when no call can be in
+/// the middle of taking it over.
 void waitForWholePass(const CFilteringEngine& engine)
 {
     for (const std::uint32_t begun = engine.passCount(); engine.passCount() - begun < 3;)
@@ -360,7 +371,8 @@ TEST(FilteringEngineThreads, StaysBoundedUnderControlCalls)
     std::thread audio([&] {
         std::vector<float> block(128);
         void* retired = nullptr;
-        for (unsigned t = 0; !stop.load(std::memory_order_acquire); ++t) {
+        for (unsigned t = 0; !stop.load(std::memory_order_acquire); ++t)
+        {
             std::fill(block.begin(), block.end(), t % 16 < 8 ? 1.0F : -1.0F);
             engine.process(block.data(), block.data(), t % 65, 0, 2, &retired);
             engine.process(block.data(), block.data(), t % 65, 1, 2, &retired);
@@ -371,7 +383,8 @@ TEST(FilteringEngineThreads, StaysBoundedUnderControlCalls)
 
     std::mt19937 random = korvotest::makeRandom(32);
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(1);
-    while (std::chrono::steady_clock::now() < end) {
+    while (std::chrono::steady_clock::now() < end)
+    {
         const unsigned channel = random() % 2;
         waitForWholePass(engine);
         engine.setFilterForChannel(kRate, channel, filters[channel * 2 + random() % 2].get());

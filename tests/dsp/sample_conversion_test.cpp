@@ -93,7 +93,8 @@ int64_t modelVectorWrite(const SFormat& format, float x, bool& clipped)
     const long double lowest = is16 ? -32768.0L : -2147483648.0L;
     const long double highest = is16 ? 32767.0L : 2147483520.0L;
     int64_t result = static_cast<int64_t>(lowest);
-    if (!std::isnan(x)) {
+    if (!std::isnan(x))
+    {
         const float product = roundedDown(static_cast<long double>(x) * (is16 ? 32768.0L : 2147483648.0L));
         const float v = roundedDown(static_cast<long double>(product) + 0.5L);
         clipped = clipped || v > highest || v < lowest;
@@ -227,7 +228,8 @@ TEST(SampleConversion, ReadsEveryShapeAsThePlainModel)
         const bool silent = conversions.read(format, src.data(), dst.data(), count);
         const bool masked = format.bits == 20 && readsByVector(format, dst.data(), count);
         int64_t seen = 0;
-        for (unsigned i = 0; i < count; ++i) {
+        for (unsigned i = 0; i < count; ++i)
+        {
             const int64_t value =
                 integerAt(src.data() + i * format.size, format.size) & (masked ? ~15LL : ~0LL);
             seen |= value;
@@ -252,7 +254,8 @@ TEST(SampleConversion, WritesEveryShapeAsThePlainModel)
         const bool clipped = conversions.write(format, src.data(), dst.data(), count);
         const bool byVector = writesByVector(format, src.data(), dst.data(), count);
         bool shouldClip = false;
-        for (unsigned i = 0; i < count; ++i) {
+        for (unsigned i = 0; i < count; ++i)
+        {
             const float x = src.get(i);
             const int64_t expected =
                 byVector ? modelVectorWrite(format, x, shouldClip) : modelScalarWrite(format, x);
@@ -279,7 +282,8 @@ TEST(SampleConversion, ReadsNothingBehindTheSource)
     bytes_t integers(40 * 4);
     for (const SConversions& conversions : allConversions())
         for (const SFormat& format : kFormats)
-            for (unsigned count = 0; count <= 40; ++count) {
+            for (unsigned count = 0; count <= 40; ++count)
+            {
                 EXPECT_TRUE(conversions.read(format, end - count * format.size, floats.data(), count));
                 const auto* source = reinterpret_cast<const float*>(end - count * sizeof(float));
                 EXPECT_FALSE(conversions.write(format, source, integers.data(), count));
@@ -325,7 +329,8 @@ TEST(SampleConversion, WritesKnownValues)
     };
     for (const auto& row : rows)
         for (const SFormat& format : kFormats)
-            if (format.bits == row.bits) {
+            if (format.bits == row.bits)
+            {
                 const std::vector<float> src(row.count, row.x);
                 bytes_t dst(row.count * format.size);
                 EXPECT_EQ(format.write(src.data(), dst.data(), row.count), row.clipped)
@@ -342,11 +347,13 @@ TEST(SampleConversion, GivesBackTheCallersControlWordAndIgnoresItsRounding)
     const std::vector<float> src = makeHardFloats(random, 67, 1.0F);
     const unsigned callers = _mm_getcsr();
     for (const SFormat& format : kFormats)
-        for (const unsigned count : {3U, 67U}) {
+        for (const unsigned count : {3U, 67U})
+        {
             bytes_t expected(src.size() * format.size);
             format.write(src.data(), expected.data(), count);
             for (const unsigned mode : {0x0000U, 0x2000U, 0x4000U, 0x6000U})
-                for (const unsigned flush : {0x0000U, 0x8000U, 0x0040U, 0x8040U}) {
+                for (const unsigned flush : {0x0000U, 0x8000U, 0x0040U, 0x8040U})
+                {
                     const unsigned before =
                         0x1F80U | mode | flush | 0x0008U; // exceptions masked, one flag raised
                     bytes_t dst(src.size() * format.size);

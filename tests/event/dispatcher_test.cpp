@@ -46,10 +46,7 @@ class CForeign : public CEventIdBase<CForeign>
 class CPingHandler : public CEventHandler<CPing, kHere>
 {
 public:
-    explicit CPingHandler(std::function<void()> work)
-        : m_work(std::move(work))
-    {
-    }
+    explicit CPingHandler(std::function<void()> work) : m_work(std::move(work)) {}
     void onEvent(CPing const&) override { m_work(); }
 
 private:
@@ -85,10 +82,7 @@ CEarlyHandler s_early;
 /// A type_info of any name. The registry keeps the pointer.
 struct CNamedType : std::type_info
 {
-    explicit CNamedType(const char* text)
-        : std::type_info(text)
-    {
-    }
+    explicit CNamedType(const char* text) : std::type_info(text) {}
 };
 
 template<typename T>

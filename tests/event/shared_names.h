@@ -19,13 +19,12 @@
 namespace korvotest {
 
 /// A prefix for names of shared memory and semaphores; if none is given, one that no other test uses. What
-/// carries it is removed by a process of its own as soon as this object or the whole test is gone, in whatever
-/// way it went.
+/// carries it is removed by a process of its own as soon as this object or the whole test is gone, in
+/// whatever way it went.
 class CSharedNames
 {
 public:
-    explicit CSharedNames(std::string prefix = ownPrefix())
-        : m_prefix(std::move(prefix))
+    explicit CSharedNames(std::string prefix = ownPrefix()) : m_prefix(std::move(prefix))
     {
         int ends[2];
         if (pipe2(ends, O_CLOEXEC) != 0 || (m_janitor = fork()) < 0)
@@ -93,8 +92,7 @@ class CChild
 public:
     static constexpr int kStillRunning = -1;
 
-    explicit CChild(const std::function<int()>& work)
-        : m_process(fork())
+    explicit CChild(const std::function<int()>& work) : m_process(fork())
     {
         if (m_process != 0)
             return;

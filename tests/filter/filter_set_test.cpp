@@ -88,7 +88,8 @@ TEST_F(FilterSet, TakesTheLargestTapOfAFilterTooShortToEstimate)
         std::vector<float> values;
         float gain;
         unsigned delay;
-    } rows[] = {{{1.0F}, 1.0F, 0}, {{0.25F, -0.5F, 0.5F}, -0.5F, 1}, {{0.1F, 0, 0, 0.2F}, 0.2F, 3}, {{0, 0}, 0, 0}};
+    } rows[] = {
+        {{1.0F}, 1.0F, 0}, {{0.25F, -0.5F, 0.5F}, -0.5F, 1}, {{0.1F, 0, 0, 0.2F}, 0.2F, 3}, {{0, 0}, 0, 0}};
     for (const auto& row : rows)
     {
         ASSERT_EQ(load({{1, 0, 0, 0, {taps(88200, row.values)}}}), 0U);
@@ -109,12 +110,16 @@ TEST_F(FilterSet, TheHighBandIsNeutralWithoutAnActiveMode)
 
 TEST_F(FilterSet, LatencyComesFromTheFirstSetThatIsNotSilent)
 {
-    ASSERT_EQ(load({{1, 0, 0, 0,
+    ASSERT_EQ(load({{1,
+                     0,
+                     0,
+                     0,
                      {taps(44100, {0, 0, 0}), taps(48000, impulse(480, 1.0F)), taps(96000, impulse(7, 1.0F)),
                       taps(48000, {0.0F, -0.5F, 0.5F}, true)}}}),
               0U);
     EXPECT_FLOAT_EQ(set.getlatency(), 10.0F);
-    ASSERT_EQ(load({{1, 0, 0, 0, {taps(44100, {0, 0, 0}), taps(48000, {0.0F, -0.5F, 0.5F}, true)}}}, true), 0U);
+    ASSERT_EQ(load({{1, 0, 0, 0, {taps(44100, {0, 0, 0}), taps(48000, {0.0F, -0.5F, 0.5F}, true)}}}, true),
+              0U);
     EXPECT_FLOAT_EQ(set.getlatency(), 1000.0F / 48000.0F) << "of two equal peaks the first counts";
     EXPECT_TRUE(set.isUsingMinPhase());
 }
@@ -124,7 +129,8 @@ TEST_F(FilterSet, OffersARateThatAnyChannelHasInTheActiveMode)
     const std::vector<SChannel> channels = {{1, 0, 0, -3.0F, {taps(48000, {1}), taps(192000, {1})}},
                                             {2, 0, 0, -2.0F, {taps(32000, {1}), taps(44100, {1}, true)}}};
     ASSERT_EQ(load(channels), 0U);
-    for (const auto& [rate, offered] : {std::pair{48000U, true}, {32000U, true}, {192000U, true}, {44100U, false}})
+    for (const auto& [rate, offered] :
+         {std::pair{48000U, true}, {32000U, true}, {192000U, true}, {44100U, false}})
         EXPECT_EQ(set.supportsSampleRate(rate), offered) << rate;
     EXPECT_EQ(set.getMaxGain(), 0.0F) << "a filter that only cuts has no gain to report";
     set.loadFilter(true);
@@ -134,7 +140,8 @@ TEST_F(FilterSet, OffersARateThatAnyChannelHasInTheActiveMode)
 
 TEST_F(FilterSet, DefaultsLeaveChannelsWithoutModeOneAlone)
 {
-    ASSERT_EQ(load({{1, 6.0F, 4.0F, 0, {taps(48000, {1})}}, {2, 6.0F, 4.0F, 0, {taps(48000, {1}, true)}}}), 0U);
+    ASSERT_EQ(load({{1, 6.0F, 4.0F, 0, {taps(48000, {1})}}, {2, 6.0F, 4.0F, 0, {taps(48000, {1}, true)}}}),
+              0U);
     engine.setChannelGain(1, 0.125F);
     set.setDefaultGainAndDelay();
     EXPECT_NEAR(engine.getChannelGain(0), std::pow(10.0, 0.3), 1e-6);

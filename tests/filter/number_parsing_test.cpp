@@ -61,12 +61,12 @@ std::vector<std::string> split(const std::string& text, char separator)
 
 std::string makeToken(std::mt19937& random)
 {
-    static const std::vector<std::string> s_special = split(
-        "inf|-INFINITY|nan|-nan(12)|nan(|+5.25|\n1.5|\n|1.5\n2|\t-\t|abc|0x|0x1p3|-0x.8p-2|1e400|"
-        "-1e400|4.9e-324|2e-324|1e-400|1.e5|.5|-.5|.|-|1.5abc|0.1x|1.5.5|--1.5|-0.0|0.|7|1e|1e+|"
-        "0,5|1.0000000596046447753906250000000000001|1.00000005960464477539062500000|"
-        "3.4028236e38|1e-46|8.123456789012|8.1234567890123|9.9\xC3\xA4",
-        '|');
+    static const std::vector<std::string> s_special =
+        split("inf|-INFINITY|nan|-nan(12)|nan(|+5.25|\n1.5|\n|1.5\n2|\t-\t|abc|0x|0x1p3|-0x.8p-2|1e400|"
+              "-1e400|4.9e-324|2e-324|1e-400|1.e5|.5|-.5|.|-|1.5abc|0.1x|1.5.5|--1.5|-0.0|0.|7|1e|1e+|"
+              "0,5|1.0000000596046447753906250000000000001|1.00000005960464477539062500000|"
+              "3.4028236e38|1e-46|8.123456789012|8.1234567890123|9.9\xC3\xA4",
+              '|');
     char text[64];
     std::uniform_real_distribution<double> uniform(-2.0, 2.0);
     switch (random() % 8)

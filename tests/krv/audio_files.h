@@ -35,7 +35,8 @@ inline void writeAudio(const std::filesystem::path& path, const SAudio& audio)
     const int subtype = audio.format & SF_FORMAT_SUBMASK;
     if (subtype == SF_FORMAT_FLOAT || subtype == SF_FORMAT_DOUBLE || subtype == SF_FORMAT_VORBIS)
         sf_write_double(file, audio.samples.data(), count);
-    else {
+    else
+    {
         // From floating point libsndfile would scale by 32767, and read back by 32768.
         std::vector<int> words;
         for (const double sample : audio.samples)
@@ -72,9 +73,11 @@ inline std::string filterDocument(const std::string& name, int channels, const s
 {
     std::ostringstream text;
     text << "<brisa><Opal ProjectName=\"" << name << "\">";
-    for (int channel = 1; channel <= channels; ++channel) {
+    for (int channel = 1; channel <= channels; ++channel)
+    {
         text << "<Channel Number=\"" << channel << "\">";
-        for (const SSetText& set : sets) {
+        for (const SSetText& set : sets)
+        {
             text << "<Coefficients Topology=\"FIIR\" Fs=\"" << set.fs << "\" MinPhase=\"" << set.minPhase
                  << "\"><FIR NbrOfTaps=\"" << set.taps.size() << "\"><taps>[";
             for (const double tap : set.taps)

@@ -40,12 +40,14 @@ TEST_F(Commands, ListTheFiltersOrWhereTheyWouldBe)
 TEST_F(Commands, TakeAFilterByIndexByNameAndByPath)
 {
     const std::string path = listed("Study", "study.korvo", {{}});
-    for (const std::string& filter : {std::string("0"), std::string("Study"), path}) {
+    for (const std::string& filter : {std::string("0"), std::string("Study"), path})
+    {
         const SProgramResult result = krvAtHome({"info", filter});
         EXPECT_EQ(result.exitCode, 0) << result.err;
         EXPECT_THAT(result.out, AllOf(testing::StartsWith("Study\n"), HasSubstr(path)));
     }
-    for (const char* filter : {"1", "study", "99999999999999999999"}) {
+    for (const char* filter : {"1", "study", "99999999999999999999"})
+    {
         const SProgramResult result = krvAtHome({"info", filter});
         EXPECT_EQ(result.exitCode, 1);
         EXPECT_THAT(result.err, HasSubstr("an index or name from 'krv filters'"));
@@ -94,8 +96,10 @@ TEST_F(Commands, TimeEveryRateAndBlockLength)
 
 TEST_F(Commands, HelpAndSayTheirVersion)
 {
-    for (const char* command : {"", "render", "info", "filters", "ir", "mic", "bench"}) {
-        for (const char* flag : {"--help", "--version"}) {
+    for (const char* command : {"", "render", "info", "filters", "ir", "mic", "bench"})
+    {
+        for (const char* flag : {"--help", "--version"})
+        {
             std::vector<std::string> arguments = {command, flag};
             std::erase(arguments, "");
             const SProgramResult result = krv(arguments);
@@ -108,7 +112,8 @@ TEST_F(Commands, HelpAndSayTheirVersion)
                                                   {"rendr"},
                                                   {"filters", "too", "many"},
                                                   {"info"},
-                                                  {"bench", "f", "--seconds", "nan"}}) {
+                                                  {"bench", "f", "--seconds", "nan"}})
+    {
         const SProgramResult result = krv(wrong);
         EXPECT_EQ(result.exitCode, 2);
         EXPECT_THAT(result.err, testing::StartsWith("krv: "));
@@ -117,7 +122,8 @@ TEST_F(Commands, HelpAndSayTheirVersion)
 
 TEST_F(Commands, NoticeThatStandardOutputIsFull)
 {
-    for (const std::string& argument : {writeFilter("f.korvo", 2, {{}}), std::string("--help")}) {
+    for (const std::string& argument : {writeFilter("f.korvo", 2, {{}}), std::string("--help")})
+    {
         const SProgramResult result =
             runProgram({"/bin/sh", "-c", R"("$0" info "$1" > /dev/full)", KRV_PROGRAM, argument});
         EXPECT_EQ(result.exitCode, 1);

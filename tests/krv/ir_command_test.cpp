@@ -177,10 +177,14 @@ TEST_F(MicCommand, ReadsWhatMeasurementProgramsWrite)
     };
     const std::string files[] = {"\xEF\xBB\xBF\"Sens Factor =-1.2dB\"\r\n* Freq, dB\r\n\r\n  # x\r\n" +
                                      table("\t", "", "\r\n"),
-                                 table(", ", ", 12.5", "\n"), table(";", ";12.5;more", "\n"),
-                                 table(",", "", "\n"), table("  ", " ", "\n") + "*",
-                                 table(",", ", 0.0", "\n"), table(",", ",text with blanks", "\n"),
-                                 table(",", " dB", "\n"), table(",", " # 20,5 c", "\n"),
+                                 table(", ", ", 12.5", "\n"),
+                                 table(";", ";12.5;more", "\n"),
+                                 table(",", "", "\n"),
+                                 table("  ", " ", "\n") + "*",
+                                 table(",", ", 0.0", "\n"),
+                                 table(",", ",text with blanks", "\n"),
+                                 table(",", " dB", "\n"),
+                                 table(",", " # 20,5 c", "\n"),
                                  table("\t", " *", "\r") + "\r# 20"};
     for (const std::string& text : files)
     {

@@ -25,7 +25,8 @@ double expectedDb(const livingroom::SLoudspeaker& speaker, double hz)
     std::complex<double> treble(0.0, hz / 2500.0);
     std::complex<double> h = (bass + level(2.0)) / (bass + 1.0 / level(2.0));
     h *= (1.0 + treble * level(-3.0)) / (1.0 + treble / level(-3.0));
-    for (const livingroom::SRoomMode& mode : speaker.modes) {
+    for (const livingroom::SRoomMode& mode : speaker.modes)
+    {
         const std::complex<double> s(0.0, hz / static_cast<double>(mode.hz));
         const double a = level(static_cast<double>(-mode.db));
         const auto q = static_cast<double>(mode.q);
@@ -65,22 +66,26 @@ TEST_F(LivingRoom, IsWhatItsGeneratorMakes)
 
 TEST_F(LivingRoom, CutsTheRoomsModesAtEveryRateInBothModes)
 {
-    for (const int rate : {44100, 48000, 88200, 96000}) {
+    for (const int rate : {44100, 48000, 88200, 96000})
+    {
         SAudio pulse{SF_FORMAT_WAV | SF_FORMAT_FLOAT, rate, 2,
                      std::vector<double>(static_cast<std::size_t>(rate))};
         pulse.samples[0] = pulse.samples[1] = 1.0;
         writeAudio(at("pulse.wav"), pulse);
-        for (const char* mode : {"1", "2"}) {
+        for (const char* mode : {"1", "2"})
+        {
             SCOPED_TRACE(std::to_string(rate) + " Hz, mode " + mode);
             render({kDocument, at("pulse.wav"), at("response.wav"), "--mode", mode});
             const SAudio response = readAudio(at("response.wav"));
-            for (std::size_t side = 0; side < 2; ++side) {
+            for (std::size_t side = 0; side < 2; ++side)
+            {
                 const livingroom::SLoudspeaker& speaker = livingroom::kLoudspeakers[side];
                 const std::vector<double> signal = channelOf(response, side);
                 for (const double hz : {20.0, 250.0, 1000.0, 2500.0, 8000.0})
                     EXPECT_NEAR(levelDb(signal, hz, rate), expectedDb(speaker, hz), 0.3) << hz;
                 // Single precision places the lowest poles at the highest rates some tenths of a hertz off.
-                for (const livingroom::SRoomMode& room : speaker.modes) {
+                for (const livingroom::SRoomMode& room : speaker.modes)
+                {
                     const auto hz = static_cast<double>(room.hz);
                     EXPECT_NEAR(levelDb(signal, hz, rate), expectedDb(speaker, hz), 0.4) << hz;
                 }
@@ -109,9 +114,11 @@ TEST_F(LivingRoom, TamesTheRecording)
     const SAudio before = readAudio(at("recording.wav"));
     const SAudio after = readAudio(at("corrected.wav"));
     ASSERT_EQ(after.frames(), before.frames());
-    for (std::size_t side = 0; side < 2; ++side) {
+    for (std::size_t side = 0; side < 2; ++side)
+    {
         const livingroom::SLoudspeaker& speaker = livingroom::kLoudspeakers[side];
-        for (const livingroom::SRoomMode& mode : speaker.modes) {
+        for (const livingroom::SRoomMode& mode : speaker.modes)
+        {
             const auto hz = static_cast<double>(mode.hz);
             const double change =
                 levelDb(channelOf(after, side), hz, 48000) - levelDb(channelOf(before, side), hz, 48000);

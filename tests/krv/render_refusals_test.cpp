@@ -103,7 +103,8 @@ TEST_F(RenderRefuses, WithAMessageAndNoFileLeftBehind)
         {"missing argument", {f, in}, 2, "OUT"},
     };
     const std::vector<std::string> before = files();
-    for (const SRefusal& refusal : refusals) {
+    for (const SRefusal& refusal : refusals)
+    {
         SCOPED_TRACE(refusal.name);
         std::vector<std::string> arguments = {"render"};
         arguments.insert(arguments.end(), refusal.arguments.begin(), refusal.arguments.end());
@@ -119,7 +120,8 @@ TEST_F(RenderRefuses, WithAMessageAndNoFileLeftBehind)
 
 TEST_F(RenderRefuses, AFullDiskAndKeepsTheOldFile)
 {
-    for (const std::string name : {"out.wav", "out.flac", "out.aiff", "out.w64"}) {
+    for (const std::string name : {"out.wav", "out.flac", "out.aiff", "out.w64"})
+    {
         m_folder.write(name, "what was there before");
         const std::vector<std::string> before = files();
         const SProgramResult result =
@@ -163,7 +165,8 @@ TEST_F(RenderRefuses, ToGoOnWhenInterrupted)
     // Some tools send their signal twice, and the second one kills.
     CProgram killed({KRV_PROGRAM, "render", m_filter, at("long.wav"), at("out.wav")});
     waitForOutput(killed, before);
-    while (killed.isRunning()) {
+    while (killed.isRunning())
+    {
         kill(killed.process(), SIGINT);
         std::this_thread::sleep_for(std::chrono::microseconds(20));
     }
@@ -175,7 +178,8 @@ TEST_F(RenderRefuses, NothingOfWhatAPipeLeavesOpen)
     // Writers to a pipe cannot go back to put the length in.
     std::fstream header(at("in.wav"), std::ios::in | std::ios::out | std::ios::binary);
     const std::uint32_t unknown = 0xFFFFFFFF;
-    for (const std::streamoff place : {4, 40}) {
+    for (const std::streamoff place : {4, 40})
+    {
         header.seekp(place);
         header.write(reinterpret_cast<const char*>(&unknown), sizeof unknown);
     }

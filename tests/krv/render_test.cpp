@@ -27,7 +27,8 @@ constexpr SFileKind kFileKinds[] = {
 TEST_F(Render, KeepsEverySampleAndTheFormatThroughAFilterThatChangesNothing)
 {
     const std::string filter = writeFilter("identity.korvo", 2, {{}});
-    for (const SFileKind& kind : kFileKinds) {
+    for (const SFileKind& kind : kFileKinds)
+    {
         SCOPED_TRACE(kind.name);
         const SAudio in = noise(kind.format, 48000, 2, 5003, kind.bits);
         writeAudio(at("in"), in);
@@ -48,7 +49,8 @@ TEST_F(Render, ConvertsToTheFormatThatIsAskedFor)
                                                    {"int24", SF_FORMAT_PCM_24},
                                                    {"int32", SF_FORMAT_PCM_32},
                                                    {"float", SF_FORMAT_FLOAT}};
-    for (const auto& [name, subtype] : formats) {
+    for (const auto& [name, subtype] : formats)
+    {
         render({filter, at("in.wav"), at("out.wav"), "--format", name});
         const SAudio out = readAudio(at("out.wav"));
         EXPECT_EQ(out.format & SF_FORMAT_SUBMASK, subtype);
@@ -63,7 +65,8 @@ TEST_F(Render, FindsTheNearestFormatForFilesOfOtherOnes)
                                             {SF_FORMAT_WAV | SF_FORMAT_DOUBLE, SF_FORMAT_FLOAT},
                                             {SF_FORMAT_AU | SF_FORMAT_ULAW, SF_FORMAT_PCM_16},
                                             {SF_FORMAT_OGG | SF_FORMAT_VORBIS, SF_FORMAT_FLOAT}};
-    for (const auto& [inFormat, outSubtype] : subtypes) {
+    for (const auto& [inFormat, outSubtype] : subtypes)
+    {
         writeAudio(at("in"), noise(inFormat, 48000, 2, 2000, 8));
         render({filter, at("in"), at("out.wav")});
         const SAudio in = readAudio(at("in"));
@@ -107,7 +110,8 @@ TEST_F(Render, AlignsBothBandsOfAHighRate)
         writeFilter("high.korvo", 1, {{.fs = 96000, .taps = delayedTap(30)}, {.fs = 192000}, {.fs = 384000}});
     const std::pair<int, const char*> rates[] = {{192000, "two-band, base rate 96000 Hz, ratio 2"},
                                                  {384000, "two-band, base rate 96000 Hz, ratio 4"}};
-    for (const auto& [rate, path] : rates) {
+    for (const auto& [rate, path] : rates)
+    {
         SCOPED_TRACE(rate);
         constexpr std::size_t kPulse = 3001;
         SAudio in{SF_FORMAT_WAV | SF_FORMAT_FLOAT, rate, 1, std::vector<double>(6003)};
@@ -129,11 +133,13 @@ TEST_F(Render, GivesTheSameSamplesWhateverTheBlockLength)
     std::vector<SSetText> sets = {set, set, {.fs = 192000}};
     sets[1].fs = 96000;
     const std::string filter = writeFilter("filter.korvo", 2, sets);
-    for (const int rate : {48000, 192000}) {
+    for (const int rate : {48000, 192000})
+    {
         writeAudio(at("in.wav"), noise(SF_FORMAT_WAV | SF_FORMAT_FLOAT, rate, 2, 9001, 24));
         render({filter, at("in.wav"), at("whole.wav"), "--block", "4096"});
         const SAudio whole = readAudio(at("whole.wav"));
-        for (const char* block : {"16", "17", "1000"}) {
+        for (const char* block : {"16", "17", "1000"})
+        {
             render({filter, at("in.wav"), at("pieces.wav"), "--block", block});
             EXPECT_EQ(readAudio(at("pieces.wav")).samples, whole.samples)
                 << rate << " Hz, blocks of " << block;

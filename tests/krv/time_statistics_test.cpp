@@ -9,7 +9,8 @@ namespace {
 
 TEST(TimeStatistics, TellsQuantilesWithinAHundredth)
 {
-    for (const std::int64_t unit : {1, 37, 1000, 1000000}) {
+    for (const std::int64_t unit : {1, 37, 1000, 1000000})
+    {
         CTimeStatistics times;
         for (std::int64_t i = 1000; i >= 1; --i)
             times.add(std::chrono::nanoseconds(i * unit));

@@ -31,7 +31,8 @@ inline std::string listText(const std::vector<float>& values)
     char number[32];
     for (const float value : values)
     {
-        std::snprintf(number, sizeof number, "%s%.9g", text.size() > 1 ? " " : "", static_cast<double>(value));
+        std::snprintf(number, sizeof number, "%s%.9g", text.size() > 1 ? " " : "",
+                      static_cast<double>(value));
         text += number;
     }
     return text + "]";
@@ -44,17 +45,19 @@ inline std::string attribute(const std::string& name, const std::string& value)
 
 inline std::string setText(const SSet& set)
 {
-    std::string text = "<Coefficients" + attribute("Topology", "FIIR") + attribute("Fs", std::to_string(set.fs)) +
-                       attribute("MinPhase", set.minPhase ? "1" : "0") + "><FIR" +
-                       attribute("NbrOfTaps", std::to_string(set.taps.size())) + "><taps>" + listText(set.taps) +
-                       "</taps></FIR><IIR" + attribute("NbrOfSections", std::to_string(set.sections.size())) + ">";
+    std::string text =
+        "<Coefficients" + attribute("Topology", "FIIR") + attribute("Fs", std::to_string(set.fs)) +
+        attribute("MinPhase", set.minPhase ? "1" : "0") + "><FIR" +
+        attribute("NbrOfTaps", std::to_string(set.taps.size())) + "><taps>" + listText(set.taps) +
+        "</taps></FIR><IIR" + attribute("NbrOfSections", std::to_string(set.sections.size())) + ">";
     for (const std::vector<float>& section : set.sections)
         text += "<section>" + listText(section) + "</section>";
     return text + "</IIR></Coefficients>";
 }
 
 /// The text of a filter document.
-inline std::string documentText(const std::vector<SChannel>& channels, const std::string& projectName = "Test")
+inline std::string documentText(const std::vector<SChannel>& channels,
+                                const std::string& projectName = "Test")
 {
     std::string text = "<?xml version=\"1.0\"?><brisa><Opal" +
                        attribute("ChannelCount", std::to_string(channels.size())) +

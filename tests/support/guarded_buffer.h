@@ -53,7 +53,8 @@ public:
     {
         const auto untouched = [](unsigned char byte) { return byte == kGuard; };
         const auto end = m_bytes.begin() + static_cast<std::ptrdiff_t>(m_offset + m_count * sizeof(T));
-        return std::all_of(m_bytes.begin(), m_bytes.begin() + static_cast<std::ptrdiff_t>(m_offset), untouched) &&
+        return std::all_of(m_bytes.begin(), m_bytes.begin() + static_cast<std::ptrdiff_t>(m_offset),
+                           untouched) &&
                std::all_of(end, m_bytes.end(), untouched);
     }
 

@@ -39,14 +39,15 @@ public:
 
     int load(const std::vector<SChannel>& channels)
     {
-        return krv_loadFilterFromFile(m_handle, m_folder.write("filter.korvo", documentText(channels)).c_str());
+        return krv_loadFilterFromFile(m_handle,
+                                      m_folder.write("filter.korvo", documentText(channels)).c_str());
     }
 
     /// Runs `block` through the processor in place.
     int process(std::vector<float>& block, unsigned channels)
     {
-        return krv_process(m_handle, block.data(), block.data(), static_cast<std::uint32_t>(block.size()) / channels,
-                           channels);
+        return krv_process(m_handle, block.data(), block.data(),
+                           static_cast<std::uint32_t>(block.size()) / channels, channels);
     }
 
     /// Runs silence until a loaded filter has faded in.
@@ -57,8 +58,8 @@ public:
             process(silence, channels);
     }
 
-    /// Takes the filter out while audio runs: without that, destruction waits a second for an audio thread that does
-    /// not come.
+    /// Takes the filter out while audio runs: without that, destruction waits a second for an audio thread
+    /// that does not come.
     void unload()
     {
         const auto broken = m_folder.write("broken.korvo", "");

@@ -8,11 +8,13 @@
 
 namespace korvotest {
 
-/// A generator whose seed is printed when a test fails, and can be set through KORVO_TEST_SEED to repeat a run.
+/// A generator whose seed is printed when a test fails, and can be set through KORVO_TEST_SEED to repeat a
+/// run.
 inline std::mt19937 makeRandom(unsigned defaultSeed)
 {
     const char* text = std::getenv("KORVO_TEST_SEED");
-    const unsigned seed = text != nullptr ? static_cast<unsigned>(std::strtoul(text, nullptr, 10)) : defaultSeed;
+    const unsigned seed =
+        text != nullptr ? static_cast<unsigned>(std::strtoul(text, nullptr, 10)) : defaultSeed;
     std::cout << "seed " << seed << '\n';
     return std::mt19937(seed);
 }

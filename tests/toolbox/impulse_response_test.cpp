@@ -44,8 +44,8 @@ constexpr float kInfinity = std::numeric_limits<float>::infinity();
 struct SResponse
 {
     explicit SResponse(const std::vector<float>& samples)
-        : data(static_cast<float*>(dtb_alloc(samples.size() * sizeof(float))))
-        , length(static_cast<int>(samples.size()))
+        : data(static_cast<float*>(dtb_alloc(samples.size() * sizeof(float)))),
+          length(static_cast<int>(samples.size()))
     {
         std::copy(samples.begin(), samples.end(), data);
     }

@@ -14,9 +14,14 @@ TEST(PoleZero, KeepsZerosWithinAnIntervalInTheirOrder)
 {
     const std::vector<double> all{0.75, 0.0, 0.5, 1.0, 0.25, -0.1, 0.5};
     const std::tuple<double, double, bool, std::vector<double>> cases[] = {
-        {6000, 18000, true, {0.75, 0.5, 0.25, 0.5}}, {24000, 1e9, true, {1.0}}, {100, 200, true, {}},
-        {-1, 100, false, all}, {100, 100, false, all}, {24001, 25000, false, all},
-        {NAN, 100, false, all}, {100, NAN, false, all}};
+        {6000, 18000, true, {0.75, 0.5, 0.25, 0.5}},
+        {24000, 1e9, true, {1.0}},
+        {100, 200, true, {}},
+        {-1, 100, false, all},
+        {100, 100, false, all},
+        {24001, 25000, false, all},
+        {NAN, 100, false, all},
+        {100, NAN, false, all}};
     for (const auto& [low, high, done, expected] : cases)
     {
         std::vector<cplxZeroPolarForm> zeros;

@@ -103,10 +103,10 @@ TEST(MicCalibration, HoldsEachRule)
     EXPECT_FALSE(isValidMicCalibrationData({good[0], good[2], good[3], good[4], good[5], good[6], good[7]}));
 
     const std::tuple<std::size_t, targetBreakPointS, bool> cases[] = {
-        {0, {0, 0}, true},       {0, {-1, 0}, false},      {0, {5000, 0}, true},    {0, {5001, 0}, false},
-        {7, {10000, 0}, true},   {7, {9999, 0}, false},    {7, {192000, 0}, true},  {7, {192001, 0}, false},
-        {3, {6000, 0}, false},   {3, {NAN, 0}, false},     {2, {6000, -100}, true}, {2, {6000, -101}, false},
-        {2, {6000, 100}, true},  {2, {6000, 101}, false},  {3, {7000, -200}, true}, {3, {7000, -201}, false},
+        {0, {0, 0}, true},      {0, {-1, 0}, false},     {0, {5000, 0}, true},    {0, {5001, 0}, false},
+        {7, {10000, 0}, true},  {7, {9999, 0}, false},   {7, {192000, 0}, true},  {7, {192001, 0}, false},
+        {3, {6000, 0}, false},  {3, {NAN, 0}, false},    {2, {6000, -100}, true}, {2, {6000, -101}, false},
+        {2, {6000, 100}, true}, {2, {6000, 101}, false}, {3, {7000, -200}, true}, {3, {7000, -201}, false},
         {3, {7000, NAN}, false}};
     for (const auto& [point, changed, valid] : cases)
     {
