@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include <gtest/gtest.h>
 #include <xmmintrin.h>
 
 #include <algorithm>
@@ -13,10 +12,11 @@
 
 #include "dsp/channel_delay.h"
 #include "dsp/fiir_filter.h"
-#include "dsp/kernel_variants.h"
 #include "tests/support/fiir_builder.h"
 #include "tests/support/plain_fiir.h"
 #include "tests/support/random.h"
+#include "tests/support/same_bits.h"
+#include "tests/support/variant_test.h"
 
 // What filters leave of silence is denormals, for which there are ways of their own. The bits stay those of
 // plain arithmetic, in each mode of the processor.
@@ -50,12 +50,6 @@ public:
 private:
     unsigned m_before = _mm_getcsr();
 };
-
-bool same(float a, float b)
-{
-    return std::bit_cast<std::uint32_t>(a) == std::bit_cast<std::uint32_t>(b) ||
-           (std::isnan(a) && std::isnan(b));
-}
 
 /// `frames` samples of one kind after the other.
 enum class EInput
@@ -121,19 +115,11 @@ void expectPlainBits(const SKernelVariant& variant, const std::vector<float>& se
         korvotest::plainFiir(plain.get(), signal.data() + from, expected.data() + from, frames, 0, 1);
         from += frames;
     }
-    for (std::size_t i = 0; i < signal.size(); ++i)
-        ASSERT_TRUE(same(actual[i], expected[i])) << i << ": " << actual[i] << " for " << expected[i];
-    const auto& a = *static_cast<const FIIR_FILTER_tag*>(subject.get());
-    const auto& b = *static_cast<const FIIR_FILTER_tag*>(plain.get());
-    EXPECT_TRUE(std::equal(a.cookedSections, a.cookedSections + a.numCookedGroups * kFloatsPerGroup,
-                           b.cookedSections, same));
+    ASSERT_TRUE(korvotest::sameBits(actual, expected));
+    EXPECT_TRUE(korvotest::sameBits(korvotest::stateOf(subject), korvotest::stateOf(plain)));
 }
 
-class Silence : public testing::TestWithParam<std::size_t>
-{
-protected:
-    const SKernelVariant& variant() const { return kernelVariants()[GetParam()]; }
-};
+using Silence = korvotest::CVariantTest;
 
 TEST_P(Silence, IsPlainArithmeticAllTheWayDown)
 {
@@ -224,8 +210,7 @@ TEST_P(Silence, KeepsTheSignsOfZerosAndWhatIsNoNumber)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(All, Silence, testing::Range(std::size_t{0}, kernelVariants().size()),
-                         [](const auto& test) { return std::string(kernelVariants()[test.param].name); });
+INSTANTIATE_TEST_SUITE_P(All, Silence, korvotest::everyVariant(), korvotest::variantName);
 
 TEST(SilenceGain, IsThePlainProduct)
 {
@@ -257,7 +242,7 @@ TEST(SilenceGain, IsThePlainProduct)
                 {
                     const volatile float factor = gain;
                     const float expected = factor * samples[i];
-                    ASSERT_TRUE(same(actual[i], expected)) << samples[i] << ": " << actual[i];
+                    ASSERT_TRUE(korvotest::sameBits(actual[i], expected)) << samples[i] << ": " << actual[i];
                 }
             }
         }

@@ -30,6 +30,22 @@ inline FiirHandle makeFiir(korvodsp::EInit kind, const std::vector<float>& taps,
     return handle;
 }
 
+inline korvodsp::FIIR_FILTER_tag& fieldsOf(const FiirHandle& filter)
+{
+    return *static_cast<korvodsp::FIIR_FILTER_tag*>(filter.get());
+}
+
+/// All that a filter remembers of its input, in the fields of the vector kernel.
+inline std::vector<float> stateOf(const FiirHandle& filter)
+{
+    const korvodsp::FIIR_FILTER_tag& f = fieldsOf(filter);
+    std::vector<float> state = {static_cast<float>(f.delayPos), f.denormalBias, f.prevInput};
+    state.insert(state.end(), f.delayLine, f.delayLine + f.paddedTaps);
+    state.insert(state.end(), f.cookedSections,
+                 f.cookedSections + f.numCookedGroups * korvodsp::kFloatsPerGroup);
+    return state;
+}
+
 /// Coefficients of `count` stable sections: pairs of poles with radii from 0.5 to 0.9 all around the circle.
 inline std::vector<float> makeSections(std::mt19937& random, unsigned count)
 {

@@ -23,6 +23,12 @@ public:
         m_offset = kZone + toBoundary + misalignment;
     }
 
+    explicit CGuardedBuffer(const std::vector<T>& values, std::size_t misalignment = 0)
+        : CGuardedBuffer(values.size(), misalignment)
+    {
+        assign(values);
+    }
+
     CGuardedBuffer(const CGuardedBuffer&) = delete;
     CGuardedBuffer& operator=(const CGuardedBuffer&) = delete;
 
@@ -48,14 +54,23 @@ public:
             set(i, values[i]);
     }
 
+    std::vector<T> values() const
+    {
+        std::vector<T> values(m_count);
+        for (std::size_t i = 0; i < m_count; ++i)
+            values[i] = get(i);
+        return values;
+    }
+
     /// True while nothing has written outside the elements.
     bool intact() const
     {
-        const auto untouched = [](unsigned char byte) { return byte == kGuard; };
-        const auto end = m_bytes.begin() + static_cast<std::ptrdiff_t>(m_offset + m_count * sizeof(T));
-        return std::all_of(m_bytes.begin(), m_bytes.begin() + static_cast<std::ptrdiff_t>(m_offset),
-                           untouched) &&
-               std::all_of(end, m_bytes.end(), untouched);
+        for (std::size_t i = 0; i < m_bytes.size(); ++i)
+        {
+            if ((i < m_offset || i >= m_offset + m_count * sizeof(T)) && m_bytes[i] != kGuard)
+                return false;
+        }
+        return true;
     }
 
 private:
