@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
-#include <cstdio>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -25,54 +25,41 @@ struct SChannel
     std::vector<SSet> sets;
 };
 
-inline std::string listText(const std::vector<float>& values)
+inline std::ostream& operator<<(std::ostream& text, const std::vector<float>& values)
 {
-    std::string text = "[";
-    char number[32];
-    for (const float value : values)
-    {
-        std::snprintf(number, sizeof number, "%s%.9g", text.size() > 1 ? " " : "",
-                      static_cast<double>(value));
-        text += number;
-    }
-    return text + "]";
+    for (std::size_t i = 0; i < values.size(); ++i)
+        text << (i == 0 ? "[" : " ") << values[i];
+    return text << (values.empty() ? "[]" : "]");
 }
 
-inline std::string attribute(const std::string& name, const std::string& value)
+inline std::ostream& operator<<(std::ostream& text, const SSet& set)
 {
-    return " " + name + "=\"" + value + "\"";
-}
-
-inline std::string setText(const SSet& set)
-{
-    std::string text =
-        "<Coefficients" + attribute("Topology", "FIIR") + attribute("Fs", std::to_string(set.fs)) +
-        attribute("MinPhase", set.minPhase ? "1" : "0") + "><FIR" +
-        attribute("NbrOfTaps", std::to_string(set.taps.size())) + "><taps>" + listText(set.taps) +
-        "</taps></FIR><IIR" + attribute("NbrOfSections", std::to_string(set.sections.size())) + ">";
+    text << "<Coefficients Topology=\"FIIR\" Fs=\"" << set.fs << "\" MinPhase=\"" << set.minPhase
+         << "\"><FIR NbrOfTaps=\"" << set.taps.size() << "\"><taps>" << set.taps
+         << "</taps></FIR><IIR NbrOfSections=\"" << set.sections.size() << "\">";
     for (const std::vector<float>& section : set.sections)
-        text += "<section>" + listText(section) + "</section>";
-    return text + "</IIR></Coefficients>";
+        text << "<section>" << section << "</section>";
+    return text << "</IIR></Coefficients>";
 }
 
 /// The text of a filter document.
 inline std::string documentText(const std::vector<SChannel>& channels,
                                 const std::string& projectName = "Test")
 {
-    std::string text = "<?xml version=\"1.0\"?><brisa><Opal" +
-                       attribute("ChannelCount", std::to_string(channels.size())) +
-                       attribute("ProjectName", projectName) + ">";
+    std::ostringstream text;
+    text.precision(9);
+    text << "<?xml version=\"1.0\"?><brisa><Opal ChannelCount=\"" << channels.size() << "\" ProjectName=\""
+         << projectName << "\">";
     for (const SChannel& channel : channels)
     {
-        text += "<Channel" + attribute("Number", std::to_string(channel.number)) +
-                attribute("GaindB", std::to_string(channel.gaindB)) +
-                attribute("Delayms", std::to_string(channel.delayms)) +
-                attribute("MaxFilterGaindB", std::to_string(channel.maxFilterGaindB)) + ">";
+        text << "<Channel Number=\"" << channel.number << "\" GaindB=\"" << channel.gaindB << "\" Delayms=\""
+             << channel.delayms << "\" MaxFilterGaindB=\"" << channel.maxFilterGaindB << "\">";
         for (const SSet& set : channel.sets)
-            text += setText(set);
-        text += "</Channel>";
+            text << set;
+        text << "</Channel>";
     }
-    return text + "</Opal></brisa>\n";
+    text << "</Opal></brisa>\n";
+    return text.str();
 }
 
 /// `count` channels, numbered from 1, each with the given sets.
