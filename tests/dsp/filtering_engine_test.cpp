@@ -132,6 +132,8 @@ void comparePlain(std::mt19937& random, unsigned channel, unsigned maxDelay)
         {
             void* const filter = choices[draw(6)];
             engine.setFilterForChannel(draw(2) * kRate, channel, filter);
+            engine.setFilterForChannel(kRate, channel + 1, filter); // no such channel
+            engine.setFilterForChannel(44100, channel, filter);     // no such slot
             plain.setFilter(twinOf(filter));
         }
         switch (draw(120))
@@ -186,30 +188,6 @@ TEST(FilteringEngine, EqualsPlainLoopsToTheBit)
     comparePlain(random, 1, 0xFFFFFFFF);
 }
 
-TEST(FilteringEngine, RunsTheFilterOfItsRateAlone)
-{
-    const unsigned rates[] = {kRate, 48000};
-    const FiirHandle filter = makeFiir(korvodsp::kInitAuto, {2.0F});
-    CFilteringEngine engine(1);
-    engine.initFilters(rates, 2);
-    ASSERT_TRUE(engine.init(kRate, 64, 1, 0));
-    engine.setFilterForChannel(kRate, 1, filter.get()); // no such channel
-    engine.setFilterForChannel(44100, 0, filter.get()); // no such slot
-    engine.setFilterForChannel(48000, 0, filter.get());
-    EXPECT_FALSE(engine.hasFilters()); // pending alone does not count
-    const auto heard = [&] {
-        float sample = 1.0F;
-        void* retired = nullptr;
-        EXPECT_TRUE(engine.process(&sample, &sample, 1, 0, 1, &retired));
-        return sample;
-    };
-    EXPECT_EQ(heard() + heard(), 2.0F);
-    EXPECT_TRUE(engine.hasFilters());
-    ASSERT_TRUE(engine.init(48000, 64, 1, 0));
-    EXPECT_EQ(heard(), 1.0F);
-    EXPECT_EQ(heard(), 2.0F);
-}
-
 TEST(FilteringEngine, RefusesWhatInitDidNotProvideFor)
 {
     CFilteringEngine engine(4);
@@ -230,25 +208,14 @@ TEST(FilteringEngine, RefusesWhatInitDidNotProvideFor)
     EXPECT_TRUE(!engine.init(kRate, 0, 4, 0) && !accepts(1, 1));
 }
 
-TEST(FilteringEngine, HoldsSettingsAndDelaysWithinTheirRange)
+TEST(ChannelDelay, StaysWithinItsRing)
 {
-    const struct
-    {
-        float set, overallGain, delayMs;
-        unsigned samples; // at 48000 Hz, 100 ms at most
-    } rows[] = {{0.0104F, 0.0104F, 0.0104F, 0}, {0.0105F, 0.0105F, 0.0105F, 1},
-                {99.98F, 1.0F, 99.98F, 4799},   {100.1F, 1.0F, 100.1F, 4800},
-                {1e30F, 1.0F, 1e30F, 4800},     {INFINITY, 1.0F, INFINITY, 4800},
-                {-1.0F, -1.0F, 0.0F, 0},        {NAN, 1.0F, 0.0F, 0}};
-    CFilteringEngine engine(1);
-    for (const auto& row : rows)
-    {
-        engine.setOverallGain(row.set);
-        engine.setChannelDelay(0, row.set);
-        EXPECT_EQ(engine.getOverallGain(), row.overallGain);
-        EXPECT_EQ(engine.getChannelDelay(0), row.delayMs);
-        EXPECT_EQ(korvodsp::delayInSamples(row.set, 48.0F, 4800), row.samples) << row.set;
-    }
+    // At 48000 Hz, 100 ms at most.
+    const std::pair<float, unsigned> delays[] = {{0.0104F, 0},   {0.0105F, 1},  {99.98F, 4799},
+                                                 {100.1F, 4800}, {1e30F, 4800}, {INFINITY, 4800},
+                                                 {-1.0F, 0},     {NAN, 0}};
+    for (const auto& [ms, samples] : delays)
+        EXPECT_EQ(korvodsp::delayInSamples(ms, 48.0F, 4800), samples) << ms;
     // 100 ms at two of the rates that filters run at; nothing to delay; more than can be had
     for (const auto& [samples, bytes] :
          {std::pair{4410U, 32768U}, {9600U, 65536U}, {0U, 0U}, {0xFFFFFFFFU, 0U}})

@@ -138,30 +138,17 @@ bool write(bool byName, const SFormat& format, const float* src, void* dst, unsi
 /// Noise, now and then a value at an edge, and any bit pattern whatever.
 std::vector<float> makeHardFloats(std::mt19937& random, std::size_t count)
 {
-    constexpr float kInf = std::numeric_limits<float>::infinity();
-    const std::vector<float> edges = {0.0F,
-                                      -0.0F,
-                                      1.0F,
-                                      -1.0F,
-                                      1e30F,
-                                      -1e30F,
-                                      kInf,
-                                      -kInf,
-                                      -0x1p-32F,
-                                      -0x1.8p-31F,
-                                      -0x1.8p-15F,
-                                      1e-42F,
-                                      -1e-42F,
-                                      1e-20F,
-                                      std::nanf(""),
-                                      0x1.fffffep-1F,
-                                      -0x1.000002p+0F,
-                                      0.49999997F / 32768,
-                                      16777215.0F * 0x1p-31F};
+    const float edges[] = {0.0F,           1.0F,           1e30F,           INFINITY,      NAN,
+                           1e-42F,         1e-20F,         0x1p-32F,        0x1.8p-31F,    0x1.8p-15F,
+                           0x1.fffffep-1F, 0x1.000002p+0F, 0x1.fffffep-17F, 0x1.fffffep-8F};
     std::vector<float> floats = korvotest::makeNoise(random, count, 1.1F);
     for (float& x : floats)
-        if (random() % 4 == 0)
-            x = random() % 2 == 0 ? edges[random() % edges.size()] : std::bit_cast<float>(uint32_t(random()));
+    {
+        if (random() % 8 == 0)
+            x = std::copysign(edges[random() % std::size(edges)], x);
+        else if (random() % 8 == 0)
+            x = std::bit_cast<float>(uint32_t(random()));
+    }
     return floats;
 }
 
