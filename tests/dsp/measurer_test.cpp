@@ -50,18 +50,19 @@ TEST(Measurer, IgnoresSamplesWithoutAWindow)
     for (const unsigned length : {0U, std::numeric_limits<unsigned>::max()})
     {
         CFMeasurer meter(32);
-        meter.process(loud.data(), 50);
+        meter.process(loud.data(), 60);
         meter.reset(length);
         meter.process(loud.data(), 64);
         EXPECT_EQ(meter.getCurrentRMS(), 0.0F);
         EXPECT_EQ(meter.getCurrentPeak(), 0.0F);
         EXPECT_EQ(meter.getCurrentCrestFactor(), 1000.0F);
         meter.reset(32);
-        meter.process(loud.data(), 50);
+        meter.process(loud.data(), 60);
         EXPECT_EQ(meter.getCurrentRMS(), 1.0F) << "a new window starts it again";
         meter.reset(8);
         meter.process(loud.data(), 4);
         EXPECT_EQ(meter.getCurrentRMS(), std::sqrt(0.5F)) << "and a shorter one from its first slot";
+        EXPECT_EQ(meter.getCurrentPeak(), 1.0F);
     }
 }
 
