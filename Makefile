@@ -40,8 +40,10 @@ uninstall:
 	sed 's|^|$(DESTDIR)|' build/release/installed.txt | xargs -d '\n' dirname | grep /korvo | sort -ru | \
 	    xargs -d '\n' rmdir --ignore-fail-on-non-empty
 
+# The public C header and the C example are laid out by hand, for their readers.
+by_hand = api/krv.h examples/host.c
 format:
-	git ls-files '*.h' '*.c' '*.cpp' | xargs clang-format -i
+	git ls-files '*.h' '*.c' '*.cpp' $(by_hand:%=':!%') | xargs clang-format -i
 
 clean:
 	rm -rf build
