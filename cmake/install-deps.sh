@@ -24,7 +24,7 @@ fi
 as_root=
 if [ "$(id -u)" -ne 0 ]; then
     if ! command -v sudo >/dev/null 2>&1; then
-        echo "deps: neither root nor sudo; please have an administrator install:$missing" >&2
+        echo "deps: neither root nor sudo; have an administrator run: apt-get install$missing" >&2
         exit 1
     fi
     as_root=sudo
