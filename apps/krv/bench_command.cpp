@@ -3,12 +3,12 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cmath>
 #include <iostream>
 #include <memory>
 #include <random>
 
 #include "apps/krv/command.h"
+#include "apps/krv/option_checks.h"
 #include "apps/krv/processor.h"
 #include "apps/krv/text.h"
 #include "apps/krv/time_statistics.h"
@@ -68,17 +68,21 @@ SBenchRow measure(CProcessor& processor, const SBenchRequest& request, std::uint
     return row;
 }
 
-void printTable(const std::vector<SBenchRow>& rows)
+void printTableHead(const SBenchRequest& request, const std::string& name)
 {
-    std::cout << "    rate  block   median     99 %  maximum   median time\n";
-    for (const SBenchRow& row : rows)
-    {
-        std::cout << formatted("  %6u  %5u  %6.2f%%  %6.2f%%  %6.2f%%   %8.1f us%s\n", row.stream.rate,
-                               row.blockFrames, 100.0 * row.share(row.times.median()),
-                               100.0 * row.share(row.times.percentile99()),
-                               100.0 * row.share(row.times.maximum()), 1e6 * row.times.median(),
-                               row.stream.isTwoBand() ? "  two-band" : "");
-    }
+    std::cout << inQuotes(name) << ", mode " << request.mode << ", " << counted(request.channels, "channel")
+              << ": time per block as a share of real time on one core\n"
+              << "    rate  block   median     99 %   maximum   median time\n";
+}
+
+void printTableRow(const SBenchRow& row)
+{
+    std::cout << formatted("  %6u  %5u  %6.2f%%  %6.2f%%  %7.2f%%   %8.1f us%s", row.stream.rate,
+                           row.blockFrames, 100.0 * row.share(row.times.median()),
+                           100.0 * row.share(row.times.percentile99()),
+                           100.0 * row.share(row.times.maximum()), 1e6 * row.times.median(),
+                           row.stream.isTwoBand() ? "  two-band" : "")
+              << std::endl; // so that the table grows before the user's eyes
 }
 
 std::string jsonText(const std::string& text)
@@ -127,29 +131,25 @@ std::uint32_t filterChannels(const std::string& filter)
 
 void run(SBenchRequest request)
 {
-    if (std::isnan(request.seconds))
-        throw CCommandError(kExitUsage, "--seconds: nan is no time; it may be 0.001 to 60");
     if (request.channels == 0)
         request.channels = filterChannels(request.filter);
     CProcessor processor(SBlockForm{.channels = request.channels, .frames = *std::rbegin(kBlockFrames)});
     processor.load(request.filter);
     processor.requireMode(request.mode);
     if (!request.json)
-    {
-        std::cout << inQuotes(printable(processor.filterName())) << ", mode " << request.mode << ", "
-                  << counted(request.channels, "channel")
-                  << ": time per block as a share of real time on one core\n";
-    }
+        printTableHead(request, processor.filterName());
     std::vector<SBenchRow> rows;
     for (const std::uint32_t rate : processor.rates())
     {
         for (const std::uint32_t blockFrames : kBlockFrames)
+        {
             rows.push_back(measure(processor, request, rate, blockFrames));
+            if (!request.json)
+                printTableRow(rows.back());
+        }
     }
     if (request.json)
         printJson(request, processor.filterName(), rows);
-    else
-        printTable(rows);
 }
 
 } // namespace
@@ -163,14 +163,18 @@ void addBenchCommand(CLI::App& program)
                      "Path of a filter document, or index or name from 'krv filters'")
         ->required();
     command->add_option("--mode", request->mode, "1: the filter's standard sets, 2: its minimum-phase sets")
-        ->check(CLI::IsMember({"1", "2"}))
+        ->type_name("MODE")
+        ->check(oneOf({"1", "2"}))
         ->capture_default_str();
     command
         ->add_option("--channels", request->channels,
-                     "Channels of the stream; else as many as the filter has")
-        ->check(CLI::Range(static_cast<int>(KRV_MIN_CHANNELS), static_cast<int>(KRV_MAX_CHANNELS)));
-    command->add_option("--seconds", request->seconds, "How long to measure each rate and block size")
-        ->check(CLI::Range(0.001, 60.0))
+                     "Channels of the stream, 1 to 8; else as many as the filter has")
+        ->type_name("COUNT")
+        ->check(wholeNumber(KRV_MIN_CHANNELS, KRV_MAX_CHANNELS));
+    command->add_option("--seconds", request->seconds, "Time spent on each rate and block size, 0.001 to 60")
+        ->type_name("SECONDS")
+        ->check(number([](float seconds) { return seconds >= 0.001F && seconds <= 60.0F; },
+                       "a number of seconds from 0.001 to 60"))
         ->capture_default_str();
     command->add_flag("--json", request->json, "Prints JSON for other programs");
     command->callback([request] { run(*request); });

@@ -34,9 +34,10 @@ void printMode(CProcessor& processor, std::uint32_t mode)
         return;
     }
     const float latency = processor.latencyMs();
-    std::cout << rateList(processor.rates()) << "; latency "
+    std::cout << rateList(processor.rates()) << '\n'
+              << "            latency "
               << (latency < 0.0F ? "unknown" : formatted("%.2f ms", static_cast<double>(latency)))
-              << "; maximum gain " << decibels(static_cast<double>(processor.maxGainDb()), 1) << '\n';
+              << ", maximum gain " << decibels(static_cast<double>(processor.maxGainDb()), 1) << '\n';
 }
 
 void printInfo(const std::string& filter)
@@ -44,7 +45,7 @@ void printInfo(const std::string& filter)
     CProcessor processor(SBlockForm{.channels = KRV_MAX_CHANNELS});
     processor.load(filter);
     std::cout << printable(processor.filterName()) << '\n'
-              << "  file      " << processor.filterPath() << '\n'
+              << "  file      " << printable(processor.filterPath()) << '\n'
               << "  channels  " << channelText(processor.routing()) << '\n';
     printMode(processor, 1);
     printMode(processor, 2);

@@ -8,6 +8,7 @@
 #include "apps/krv/audio_output.h"
 #include "apps/krv/command.h"
 #include "apps/krv/impulse_file.h"
+#include "apps/krv/option_checks.h"
 #include "apps/krv/text.h"
 #include "toolbox/helpers.h"
 #include "toolbox/impulse_response.h"
@@ -83,8 +84,8 @@ void printChannel(std::vector<float>& channel, std::uint32_t rate, float level)
 
 void printResponse(SImpulseFile& file, const SImpulseRequest& request)
 {
-    std::cout << request.input << ": " << counted(file.channels.size(), "channel") << ", " << file.rate
-              << " Hz\n"
+    std::cout << printable(request.input) << ": " << counted(file.channels.size(), "channel") << ", "
+              << file.rate << " Hz\n"
               << "  length  " << counted(static_cast<std::uint64_t>(file.frames), "frame")
               << formatted(" (%.3f ms)\n", 1e3 * file.frames / file.rate);
     for (std::size_t c = 0; c < file.channels.size(); ++c)
@@ -97,7 +98,7 @@ void printResponse(SImpulseFile& file, const SImpulseRequest& request)
 void printEdit(const SImpulseFile& file, const SImpulseRequest& request, int removed, bool startGiven)
 {
     const bool shift = request.edit == EImpulseEdit::Shift;
-    std::cout << request.output << ": " << (shift ? "shifted by " : "cut by ")
+    std::cout << printable(request.output) << ": " << (shift ? "shifted by " : "cut by ")
               << counted(static_cast<std::uint64_t>(removed), "frame")
               << formatted(" (%.3f ms)", 1e3 * removed / file.rate);
     if (file.channels.size() > 1)
@@ -126,12 +127,6 @@ SImpulseRequest checkedRequest(const SIrOptions& options)
             throw CCommandError(kExitUsage, message);
     };
     SImpulseRequest request = options.request;
-    usage(!(request.level > 0.0F && request.level <= 1.0F),
-          formatted("--level: %g is no fraction of the peak; it may be above 0 and up to 1",
-                    static_cast<double>(request.level)));
-    usage(!(request.margin >= 0.0F && std::isfinite(request.margin)),
-          formatted("--margin: %g ms is out of range; it may be 0 or more, and finite",
-                    static_cast<double>(request.margin)));
     usage(options.trim && options.shift, "--trim and --shift exclude each other; give one of them");
     usage(options.filtered && !options.trim,
           "--filtered chooses how --trim finds the start; give --trim as well");
@@ -167,7 +162,7 @@ void run(const SImpulseRequest& request, bool startGiven)
 void addIrCommand(CLI::App& program)
 {
     CLI::App* command = program.add_subcommand(
-        "ir", "Shows where a measured impulse response starts, and cuts or shifts away what lies before");
+        "ir", "Tells where an impulse response starts, and takes off what lies before");
     const auto options = std::make_shared<SIrOptions>();
     SImpulseRequest& request = options->request;
     command->add_option("IN", request.input, "Impulse response at 44100, 48000, 88200 or 96000 Hz")
@@ -189,10 +184,14 @@ void addIrCommand(CLI::App& program)
         "Moves the response to the front by what lies --margin before --level is reached, and keeps its "
         "length. All channels move as much as the one that starts first");
     command->add_option("--level", request.level, "Level of the start, as a fraction of the peak up to 1")
-        ->check(CLI::Number)
+        ->type_name("FRACTION")
+        ->check(number([](float level) { return level > 0.0F && level <= 1.0F; },
+                       "a fraction of the peak above 0 and up to 1"))
         ->capture_default_str();
     command->add_option("--margin", request.margin, "Time kept before the start, in ms")
-        ->check(CLI::Number)
+        ->type_name("MS")
+        ->check(number([](float margin) { return margin >= 0.0F && std::isfinite(margin); },
+                       "a finite number of milliseconds from 0 on"))
         ->capture_default_str();
     command->callback([options, command] {
         run(checkedRequest(*options), command->count("--level") + command->count("--margin") > 0);

@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include <CLI/CLI.hpp>
 
-#include <cstdio>
 #include <exception>
 #include <iostream>
+#include <memory>
+#include <string>
 
 #include "apps/krv/command.h"
+#include "apps/krv/help_formatter.h"
+#include "apps/krv/text.h"
 
 namespace {
 
@@ -34,13 +37,49 @@ void addCommands(CLI::App& program)
     krv::addBenchCommand(program);
 }
 
+/// The names of the given commands, as "render, info".
+std::string commandNames(const std::vector<CLI::App*>& commands)
+{
+    std::string names;
+    for (const CLI::App* command : commands)
+        names += (names.empty() ? "" : ", ") + command->get_name();
+    return names;
+}
+
+/// CLI11's message in our form where its own would speak of types and counts.
+std::string usageMessage(CLI::App& program, const CLI::ParseError& error)
+{
+    const std::string chosen = commandNames(program.get_subcommands());
+    std::string message = error.what();
+    const std::string missingValue = ": 1 required ";
+    if (dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr)
+    {
+        const std::string first = krv::inQuotes(program.remaining(true).front());
+        if (chosen.empty())
+            message = first + " is no command; give one of " + commandNames(program.get_subcommands({}));
+        else
+            message = first + " is no argument that 'krv " + chosen + "' takes";
+    }
+    else if (const std::size_t end = message.find(missingValue); end != std::string::npos)
+        message = message.substr(0, end) + " needs a value";
+    return message + " (see krv " + chosen + (chosen.empty() ? "" : " ") + "--help)";
+}
+
+void setUp(CLI::App& command)
+{
+    command.set_help_flag("-h,--help", "Prints this text");
+    command.set_version_flag("--version", "krv " KRV_VERSION, "Prints the version");
+    command.group("Commands");
+}
+
 int run(int argc, char** argv)
 {
     CLI::App program("Corrects audio files through filter documents, and tells about filters.", "krv");
-    program.set_version_flag("--version", "krv " KRV_VERSION);
+    program.formatter(std::make_shared<krv::CHelpFormatter>());
     addCommands(program);
+    setUp(program);
     for (CLI::App* command : program.get_subcommands({}))
-        command->set_version_flag("--version", "krv " KRV_VERSION);
+        setUp(*command);
     try
     {
         program.parse(argc, argv);
@@ -52,10 +91,13 @@ int run(int argc, char** argv)
     }
     catch (const CLI::ParseError& error)
     {
-        return fail(krv::kExitUsage, std::string(error.what()) + " (see krv --help)");
+        return fail(krv::kExitUsage, usageMessage(program, error));
     }
     if (program.get_subcommands().empty())
-        return fail(krv::kExitUsage, "a command is needed (see krv --help)");
+    {
+        return fail(krv::kExitUsage, "a command is needed: " + commandNames(program.get_subcommands({})) +
+                                         " (see krv --help)");
+    }
     return flushed();
 }
 

@@ -38,7 +38,7 @@ std::string shown(std::string_view text)
     // Bytes of the form 10xxxxxx continue a character of UTF-8.
     while (most > 0 && most < text.size() && (static_cast<unsigned char>(text[most]) & 0xC0) == 0x80)
         --most;
-    return inQuotes(printable(std::string(text.substr(0, most))) + (text.size() > most ? "..." : ""));
+    return inQuotes(std::string(text.substr(0, most)) + (text.size() > most ? "..." : ""));
 }
 
 /// Takes the next value off the front of `rest`, with the separators around it.

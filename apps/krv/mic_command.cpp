@@ -27,7 +27,7 @@ void run(const std::string& path)
     const auto [lowest, highest] =
         std::minmax_element(points.begin(), points.end(),
                             [](const SMicPoint& a, const SMicPoint& b) { return a.level < b.level; });
-    std::cout << path << ": valid microphone calibration, " << counted(points.size(), "point")
+    std::cout << printable(path) << ": valid microphone calibration, " << counted(points.size(), "point")
               << formatted(" from %g to %g Hz, %g to %g dB\n", static_cast<double>(points.front().frequency),
                            static_cast<double>(points.back().frequency), static_cast<double>(lowest->level),
                            static_cast<double>(highest->level));
@@ -42,8 +42,7 @@ void addMicCommand(CLI::App& program)
     command
         ->add_option("FILE", *path,
                      "Text with a frequency in Hz and a level in dB per line, rising in frequency from at "
-                     "most 5000 Hz "
-                     "to at least 10000 Hz; comments after #, * or \"")
+                     "most 5000 Hz to at least 10000 Hz; comments after #, * or \"")
         ->required();
     command->callback([path] { run(*path); });
 }

@@ -92,6 +92,8 @@ void CProcessor::loadPath(const std::string& path)
         throw CCommandError(kExitFailed, inQuotes(path) + " is a folder; " + kFilterHint);
     if (!fs::is_regular_file(path, problem))
         throw CCommandError(kExitFailed, inQuotes(path) + " is a pipe or a device; a plain file is needed");
+    if (fs::is_empty(path, problem))
+        throw CCommandError(kExitFailed, inQuotes(path) + " is empty; a filter document is needed");
     if (access(path.c_str(), R_OK) != 0)
         throw CCommandError(kExitFailed, inQuotes(path) + " cannot be read: " + std::strerror(errno));
     // The library would take a leading "~" for the home folder.
@@ -100,7 +102,9 @@ void CProcessor::loadPath(const std::string& path)
         throw CCommandError(kExitFailed,
                             inQuotes(path) + " cannot be opened; a plain file with a UTF-8 name is needed");
     if (status != KRV_STATUS_OK)
-        throw CCommandError(kExitFailed, inQuotes(path) + " is not a filter document, or a damaged one");
+        throw CCommandError(kExitFailed,
+                            inQuotes(path) +
+                                " is not a filter document, or a damaged one; an intact one is needed");
 }
 
 void CProcessor::loadListed(const std::string& indexOrName)

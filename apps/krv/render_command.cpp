@@ -3,12 +3,11 @@
 
 #include <CLI/CLI.hpp>
 
-#include <cmath>
 #include <iostream>
-#include <map>
 #include <memory>
 
 #include "apps/krv/command.h"
+#include "apps/krv/option_checks.h"
 #include "apps/krv/render.h"
 #include "apps/krv/text.h"
 
@@ -47,20 +46,17 @@ void printChannels(const SRenderReport& report)
 {
     if (report.filterChannels == 0 || report.filterChannels == report.channels)
         return;
-    std::cout << "  channels   the file has " << report.channels << ", the filter " << report.filterChannels
-              << "; ";
-    if (report.filterChannels > report.channels)
-        std::cout << "the filter's further ones are not used\n";
-    else
-        std::cout << "the file's further ones pass unfiltered\n";
+    std::cout << "  channels   " << report.channels << " in the file, " << report.filterChannels
+              << " in the filter; the others "
+              << (report.filterChannels > report.channels ? "are not used\n" : "pass unfiltered\n");
 }
 
 void printSummary(const SRenderRequest& request, const SRenderReport& report)
 {
     const double seconds = static_cast<double>(report.frames) / report.stream.rate;
     const double blockSeconds = static_cast<double>(report.blockFrames) / report.stream.rate;
-    std::cout << request.output << ": " << request.input << " through "
-              << inQuotes(printable(report.filterName)) << ", mode " << request.mode << '\n'
+    std::cout << printable(request.output) << ": " << printable(request.input) << " through "
+              << inQuotes(report.filterName) << ", mode " << request.mode << '\n'
               << "  frames     " << report.frames << formatted(" (%.2f s), ", seconds)
               << counted(report.channels, "channel") << ", " << sampleFormatName(report.inputFormat) << " to "
               << sampleFormatName(report.outputFormat) << '\n'
@@ -70,24 +66,13 @@ void printSummary(const SRenderRequest& request, const SRenderReport& report)
     std::cout << "  clipped    " << clippingText(report) << '\n'
               << "  per block  median " << milliseconds(report.blockTimes.median()) << ", 99 % "
               << milliseconds(report.blockTimes.percentile99()) << ", maximum "
-              << milliseconds(report.blockTimes.maximum()) << " of " << milliseconds(blockSeconds) << " ("
-              << report.blockFrames << " frames)\n";
-}
-
-void checkGain(double gainDb)
-{
-    if (std::isnan(gainDb) || gainDb > 0.0)
-    {
-        throw CCommandError(kExitUsage,
-                            formatted("--gain: %g dB would amplify; the overall gain only attenuates, "
-                                      "give 0 or a negative number",
-                                      gainDb));
-    }
+              << milliseconds(report.blockTimes.maximum()) << '\n'
+              << "             of the " << milliseconds(blockSeconds) << " that " << report.blockFrames
+              << " frames last\n";
 }
 
 void run(const SRenderRequest& request)
 {
-    checkGain(request.gainDb);
     const SRenderReport report = render(request);
     if (!request.quiet)
         printSummary(request, report);
@@ -109,15 +94,22 @@ void addRenderCommand(CLI::App& program)
     command->add_option("OUT", request->output, "File to write, in .wav, .flac, .aiff, .aif or .w64")
         ->required();
     command->add_option("--mode", request->mode, "1: the filter's standard sets, 2: its minimum-phase sets")
-        ->check(CLI::IsMember({"1", "2"}))
+        ->type_name("MODE")
+        ->check(oneOf({"1", "2"}))
         ->capture_default_str();
-    command->add_option("--block", request->blockFrames, "Frames per block")
-        ->check(CLI::Range(static_cast<int>(KRV_MIN_BLOCK_FRAMES), static_cast<int>(KRV_MAX_BLOCK_FRAMES)))
+    command->add_option("--block", request->blockFrames, "Frames per block, 16 to 4096")
+        ->type_name("FRAMES")
+        ->check(wholeNumber(KRV_MIN_BLOCK_FRAMES, KRV_MAX_BLOCK_FRAMES))
         ->capture_default_str();
-    command->add_option("--gain", request->gainDb, "Overall gain in dB; it attenuates only, so 0 or below")
-        ->check(CLI::Number);
-    command->add_option("--format", *format, "Sample format of OUT; 'same' takes the one of IN")
-        ->check(CLI::IsMember({"int16", "int24", "int32", "float", "same"}))
+    command->add_option("--gain", request->gainDb, "Overall gain in dB, 0 or below: it only attenuates")
+        ->type_name("DB")
+        ->check(number([](float decibels) { return decibels <= 0.0F; },
+                       "0 dB or less (the gain only attenuates)"));
+    command
+        ->add_option("--format", *format,
+                     "Sample format of OUT: int16, int24, int32, float, or same, the one of IN")
+        ->type_name("FORMAT")
+        ->check(oneOf({"int16", "int24", "int32", "float", "same"}))
         ->capture_default_str();
     command->add_flag("--align", request->align,
                       "Takes the latency off, so that OUT starts and ends as IN does");

@@ -31,6 +31,11 @@ std::string printable(std::string text)
     return text;
 }
 
+std::string inQuotes(const std::string& text)
+{
+    return printable("'" + text + "'");
+}
+
 std::string rateList(const std::vector<std::uint32_t>& rates)
 {
     std::string list;

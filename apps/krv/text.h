@@ -10,14 +10,11 @@
 
 namespace krv {
 
-/// 'text', as messages show names.
-inline std::string inQuotes(const std::string& text)
-{
-    return "'" + text + "'";
-}
-
 /// `text` fit for a line on a terminal: control characters become question marks.
 std::string printable(std::string text);
+
+/// 'text', as messages show names.
+std::string inQuotes(const std::string& text);
 
 /// printf into a string.
 [[gnu::format(printf, 1, 2)]] std::string formatted(const char* format, ...);

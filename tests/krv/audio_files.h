@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -57,46 +56,6 @@ inline SAudio readAudio(const std::filesystem::path& path)
     sf_read_double(file, audio.samples.data(), static_cast<sf_count_t>(audio.samples.size()));
     sf_close(file);
     return audio;
-}
-
-/// One coefficient set of a filter document.
-struct SSetText
-{
-    int fs = 48000;
-    bool minPhase = false;
-    std::vector<double> taps = {1.0};
-    std::string section = "[0 0 0 0]";
-};
-
-/// A filter document whose channels, numbered from 1, all have the same sets.
-inline std::string filterDocument(const std::string& name, int channels, const std::vector<SSetText>& sets)
-{
-    std::ostringstream text;
-    text << "<brisa><Opal ProjectName=\"" << name << "\">";
-    for (int channel = 1; channel <= channels; ++channel)
-    {
-        text << "<Channel Number=\"" << channel << "\">";
-        for (const SSetText& set : sets)
-        {
-            text << "<Coefficients Topology=\"FIIR\" Fs=\"" << set.fs << "\" MinPhase=\"" << set.minPhase
-                 << "\"><FIR NbrOfTaps=\"" << set.taps.size() << "\"><taps>[";
-            for (const double tap : set.taps)
-                text << ' ' << tap;
-            text << "]</taps></FIR><IIR NbrOfSections=\"1\"><section>" << set.section
-                 << "</section></IIR></Coefficients>";
-        }
-        text << "</Channel>";
-    }
-    text << "</Opal></brisa>";
-    return text.str();
-}
-
-/// `latency` zeros and then the value.
-inline std::vector<double> delayedTap(std::size_t latency, double value = 1.0)
-{
-    std::vector<double> taps(latency + 1);
-    taps.back() = value;
-    return taps;
 }
 
 } // namespace korvotest

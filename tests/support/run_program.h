@@ -2,15 +2,12 @@
 #pragma once
 
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <map>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -26,17 +23,11 @@ struct SProgramResult
     std::string err;
 };
 
-struct SProgramOptions
-{
-    std::map<std::string, std::string> environment = {}; ///< set on top of the test's own
-    rlim_t fileSizeLimit = RLIM_INFINITY;                ///< bytes; stands in for a full disk
-};
-
 /// Another program, run to its end by finish().
 class CProgram
 {
 public:
-    explicit CProgram(const std::vector<std::string>& command, const SProgramOptions& options = {})
+    explicit CProgram(const std::vector<std::string>& command)
     {
         std::vector<char*> arguments;
         for (const std::string& argument : command)
@@ -46,7 +37,7 @@ public:
         if (m_process < 0)
             throw std::runtime_error("no process");
         if (m_process == 0)
-            become(arguments, options);
+            become(arguments);
     }
     ~CProgram()
     {
@@ -75,14 +66,10 @@ public:
     }
 
 private:
-    [[noreturn]] void become(const std::vector<char*>& arguments, const SProgramOptions& options) const
+    [[noreturn]] void become(const std::vector<char*>& arguments) const
     {
-        for (const auto& [name, value] : options.environment)
-            setenv(name.c_str(), value.c_str(), 1);
         redirect("out", STDOUT_FILENO);
         redirect("err", STDERR_FILENO);
-        const rlimit limit{options.fileSizeLimit, options.fileSizeLimit};
-        setrlimit(RLIMIT_FSIZE, &limit);
         execv(arguments[0], arguments.data());
         _exit(127);
     }
@@ -104,9 +91,9 @@ private:
     pid_t m_process = 0;
 };
 
-inline SProgramResult runProgram(const std::vector<std::string>& command, const SProgramOptions& options = {})
+inline SProgramResult runProgram(const std::vector<std::string>& command)
 {
-    return CProgram(command, options).finish();
+    return CProgram(command).finish();
 }
 
 } // namespace korvotest
