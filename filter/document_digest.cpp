@@ -2,6 +2,7 @@
 #include "filter/document_digest.h"
 
 #include <algorithm>
+#include <array>
 
 namespace korvo::parser {
 
@@ -12,7 +13,32 @@ namespace {
 // error of a text does this have to agree; there rapidxml gives up, whatever follows.
 
 constexpr std::string_view kWhiteSpace = " \n\r\t";
-constexpr std::string_view kEndOfElementName = " \n\r\t/>?";
+
+/// A set of characters. A search in a string for each character of a tag would take longer than rapidxml
+/// does.
+class CCharacters
+{
+public:
+    explicit constexpr CCharacters(std::string_view members)
+    {
+        for (const char c : members)
+            m_isMember[static_cast<unsigned char>(c)] = true;
+    }
+
+    /// Position of the first member at or after `from`, or the end of the text.
+    std::size_t findIn(std::string_view text, std::size_t from) const
+    {
+        while (from < text.size() && !m_isMember[static_cast<unsigned char>(text[from])])
+            ++from;
+        return from;
+    }
+
+private:
+    std::array<bool, 256> m_isMember{};
+};
+
+constexpr CCharacters kEndOfElementName(" \n\r\t/>?");
+constexpr CCharacters kEndOfTagOrQuote(">\"'");
 
 /// Position of the next `mark` at or after `from`, or the end of the text.
 std::size_t find(std::string_view text, std::size_t from, char mark)
@@ -68,10 +94,9 @@ std::size_t behindTag(std::string_view text, std::size_t at, bool& opens)
 {
     opens = false;
     // A name may hold quotes and even '<', an attribute's value '>'.
-    while (at < text.size() && kEndOfElementName.find(text[at]) == std::string_view::npos)
-        ++at;
+    at = kEndOfTagOrQuote.findIn(text, kEndOfElementName.findIn(text, at));
     while (at < text.size() && text[at] != '>')
-        at = text[at] == '"' || text[at] == '\'' ? find(text, at + 1, text[at]) + 1 : at + 1;
+        at = kEndOfTagOrQuote.findIn(text, find(text, at + 1, text[at]) + 1);
     if (at >= text.size())
         return text.size();
     opens = text[at - 1] != '/';
@@ -117,10 +142,13 @@ void CDocumentDigest::digest()
 std::size_t CDocumentDigest::cut(std::size_t copied, std::size_t from, std::size_t to)
 {
     constexpr std::size_t kWorthIt = 32;
+    if (to - from < kWorthIt)
+        return copied;
     const std::string_view between = m_text.substr(from, to - from);
+    if (m_nextReference < from)
+        m_nextReference = find(m_text, from, '&');
     // Text with character references has to be translated, and blank text makes no node.
-    if (between.size() < kWorthIt || between.find('&') != std::string_view::npos ||
-        between.find_first_not_of(kWhiteSpace) == std::string_view::npos)
+    if (m_nextReference < to || between.find_first_not_of(kWhiteSpace) == std::string_view::npos)
         return copied;
     m_xml.append(m_text, copied, from - copied);
     m_cuts.push_back({m_xml.size(), between});
@@ -128,17 +156,19 @@ std::size_t CDocumentDigest::cut(std::size_t copied, std::size_t from, std::size
     return to;
 }
 
-CDocumentDigest::SValue CDocumentDigest::original(const char* value, std::size_t size) const
+CDocumentDigest::SValue CDocumentDigest::original(const char* value, std::size_t size)
 {
-    if (size == 1)
+    const auto at = static_cast<std::size_t>(value - m_xml.data());
+    const auto isCutHere = [&] { return m_nextCut < m_cuts.size() && m_cuts[m_nextCut].at == at; };
+    if (size == 1 && !isCutHere())
     {
-        const auto at = static_cast<std::size_t>(value - m_xml.data());
         const auto before = [](const SCut& cut, std::size_t position) { return cut.at < position; };
-        const auto found = std::lower_bound(m_cuts.begin(), m_cuts.end(), at, before);
-        if (found != m_cuts.end() && found->at == at)
-            return {found->original, m_text};
+        m_nextCut = static_cast<std::size_t>(std::lower_bound(m_cuts.begin(), m_cuts.end(), at, before) -
+                                             m_cuts.begin());
     }
-    return {{value, size}, {value, size}};
+    if (size == 1 && isCutHere())
+        return {m_cuts[m_nextCut++].original, m_text};
+    return {{value, size}, m_xml};
 }
 
 } // namespace korvo::parser

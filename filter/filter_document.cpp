@@ -99,7 +99,7 @@ private:
 class CDocumentWalk
 {
 public:
-    CDocumentWalk(const CDocumentDigest& digest, IFIIRCallback& receiver, unsigned int wants)
+    CDocumentWalk(CDocumentDigest& digest, IFIIRCallback& receiver, unsigned int wants)
         : m_digest(digest), m_receiver(receiver), m_wants(wants)
     {
     }
@@ -156,7 +156,7 @@ private:
     }
 
     /// The text of an element: the value of its first child, whatever that is, and empty where there is none.
-    CDocumentDigest::SValue listOf(const Node& node) const
+    CDocumentDigest::SValue listOf(const Node& node)
     {
         const Node* child = node.first_node();
         return child != nullptr ? m_digest.original(child->value(), child->value_size())
@@ -199,7 +199,7 @@ private:
         return declared;
     }
 
-    SSection readSection(const Node& node) const
+    SSection readSection(const Node& node)
     {
         const CDocumentDigest::SValue list = listOf(node);
         float values[4];
@@ -208,7 +208,7 @@ private:
         return {values[0], values[1], values[2], values[3]};
     }
 
-    const CDocumentDigest& m_digest;
+    CDocumentDigest& m_digest;
     IFIIRCallback& m_receiver;
     const unsigned int m_wants;
     CValueBuffer<float> m_taps;

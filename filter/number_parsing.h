@@ -17,7 +17,8 @@ float parseNumber(const char* text);
 /// gives in the C locale, narrowed to single precision. Ends with the list, at a zero byte in it, or at token
 /// number capacity + 1, which is left unread.
 /// @param list   followed by a zero byte or '<'
-/// @param around memory around the list that can be read as well; 16 bytes on either side help speed
+/// @param around memory around the list that can be read as well; 17 bytes before it and 64 from each token
+/// on help speed
 /// @return the number of values stored
 std::size_t parseNumberList(std::string_view list, std::string_view around, float* values,
                             std::size_t capacity);

@@ -220,7 +220,7 @@ TEST(FilterDocument, RefusesDeepNestingAndOnlyThat)
 
 using Node = rapidxml::xml_node<char>;
 
-void expectSameTree(const korvo::parser::CDocumentDigest& digest, const Node& short_, const Node& whole)
+void expectSameTree(korvo::parser::CDocumentDigest& digest, const Node& short_, const Node& whole)
 {
     const auto name = [](const Node& node) { return std::string(node.name(), node.name_size()); };
     const auto value = digest.original(short_.value(), short_.value_size()).text;
