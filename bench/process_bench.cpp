@@ -90,7 +90,7 @@ double loadSeconds(const SLibrary& library, const CFilterFile& filter)
 
 double loadOverPlainBuild()
 {
-    constexpr int kRounds = 7;
+    constexpr int kRounds = 15;
     const CFilterFile filter(8, {44100, 48000, 88200, 96000}, kTaps, kSections);
     std::vector<double> ratios;
     for (int round = 0; round < kRounds; ++round)

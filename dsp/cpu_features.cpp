@@ -53,6 +53,8 @@ ssp_cpu_features ssp_get_cpuid()
 
 bool ssp_is_supported(ssp_cpu_feature feature)
 {
+    // Asked for every filter of a document, and in a virtual machine each query of the processor leaves it.
+    static const ssp_cpu_features s_features = ssp_get_cpuid();
     const auto index = static_cast<unsigned>(feature);
-    return index < ssp_feature_count && ssp_get_cpuid().flags[index] != 0;
+    return index < ssp_feature_count && s_features.flags[index] != 0;
 }

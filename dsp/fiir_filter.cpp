@@ -82,7 +82,7 @@ void buildTapsAndRing(FIIR_FILTER_tag& filter, const float* taps)
     {
         for (std::size_t i = 0; i < filter.numTaps; ++i)
         {
-            const std::size_t rotated = (i + k) % padded;
+            const std::size_t rotated = i + k < padded ? i + k : i + k - padded;
             filter.firCoefs[k][rotated] = taps[i];
             filter.firCoefs[k][rotated + padded] = taps[i];
         }

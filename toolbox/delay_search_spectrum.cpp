@@ -5,18 +5,18 @@
 #include <array>
 #include <cmath>
 #include <complex>
+#include <cstddef>
 #include <cstdint>
 #include <numbers>
+#include <numeric>
 
-#include "toolbox/delay_search.h"
+#include "toolbox/delay_search_bounds.h"
 
 namespace korvotoolbox {
 
 namespace {
 
-constexpr int kLanes = 24; // positions side by side, a whole number of registers
-static_assert(kLanes >= kMaxPositions);
-constexpr int kPerVector = 4; // floats of a register
+constexpr int kLanes = 4; // positions side by side, the floats of a register
 constexpr int kBlockBins = 64;
 
 /// Scores this close to the best, relative to it, are left to the transforms. Both ways add magnitudes in
@@ -30,19 +30,21 @@ constexpr double kMaxFilterOverImpulse = 256.0;
 /// Below this the squares of magnitudes run into denormals.
 constexpr float kLeastGain = 1e-15F;
 
+using Group = std::array<std::size_t, kLanes>; // of positions, counted from `first`
+
 struct SLanes
 {
     alignas(16) std::array<float, kLanes> re{};
     alignas(16) std::array<float, kLanes> im{};
 
-    void set(int lane, std::complex<double> value)
+    void set(std::size_t lane, std::complex<double> value)
     {
-        re[static_cast<std::size_t>(lane)] = static_cast<float>(value.real());
-        im[static_cast<std::size_t>(lane)] = static_cast<float>(value.imag());
+        re[lane] = static_cast<float>(value.real());
+        im[lane] = static_cast<float>(value.imag());
     }
 };
 
-struct SScores
+struct SGroupScores
 {
     alignas(16) std::array<float, kLanes> plus{};
     alignas(16) std::array<float, kLanes> minus{};
@@ -53,20 +55,20 @@ struct SScores
 class CPhasors
 {
 public:
-    CPhasors(int firstPosition, int firstBin, float gain)
+    CPhasors(const SDelaySearch& search, const Group& group)
     {
-        for (int lane = 0; lane < kLanes; ++lane)
+        for (std::size_t lane = 0; lane < kLanes; ++lane)
         {
-            const std::int64_t position = firstPosition + lane;
+            const std::int64_t position = search.first + static_cast<std::int64_t>(group[lane]);
             const std::complex<double> turn = unit(position);
-            std::complex<double> within = static_cast<double>(gain);
+            std::complex<double> within = static_cast<double>(search.gain);
             for (SLanes& step : m_within)
             {
                 step.set(lane, within);
                 within *= turn;
             }
-            m_blockTurn[static_cast<std::size_t>(lane)] = unit(position * kBlockBins);
-            m_start[static_cast<std::size_t>(lane)] = unit(position * firstBin);
+            m_blockTurn[lane] = unit(position * kBlockBins);
+            m_start[lane] = unit(position * search.wide.low);
         }
     }
 
@@ -74,8 +76,8 @@ public:
     SLanes start() const
     {
         SLanes lanes;
-        for (int lane = 0; lane < kLanes; ++lane)
-            lanes.set(lane, m_start[static_cast<std::size_t>(lane)]);
+        for (std::size_t lane = 0; lane < kLanes; ++lane)
+            lanes.set(lane, m_start[lane]);
         return lanes;
     }
 
@@ -104,22 +106,20 @@ __m128 magnitude(__m128 re, __m128 im)
     return _mm_sqrt_ps(_mm_add_ps(_mm_mul_ps(re, re), _mm_mul_ps(im, im)));
 }
 
-/// Adds `count` bins to the scores of four positions. |S + P| and |S - P| are formed from the sums
-/// themselves: out of |S|^2 + |P|^2 +- 2 Re(S conj P) they would lose their digits where filter and impulse
-/// cancel.
-void addBlock(const fftwf_complex* bins, int count, const CPhasors& phasors, const SLanes& start, int lane,
-              SScores& scores)
+/// Adds `count` bins to the scores. |S + P| and |S - P| are formed from the sums themselves: out of
+/// |S|^2 + |P|^2 +- 2 Re(S conj P) they would lose their digits where filter and impulse cancel.
+void addBlock(const fftwf_complex* bins, int count, const CPhasors& phasors, SGroupScores& scores)
 {
-    const auto at = static_cast<std::size_t>(lane);
-    const __m128 startRe = _mm_load_ps(&start.re[at]);
-    const __m128 startIm = _mm_load_ps(&start.im[at]);
-    __m128 plus = _mm_load_ps(&scores.plus[at]);
-    __m128 minus = _mm_load_ps(&scores.minus[at]);
+    const SLanes start = phasors.start();
+    const __m128 startRe = _mm_load_ps(start.re.data());
+    const __m128 startIm = _mm_load_ps(start.im.data());
+    __m128 plus = _mm_load_ps(scores.plus.data());
+    __m128 minus = _mm_load_ps(scores.minus.data());
     for (int bin = 0; bin < count; ++bin)
     {
         const SLanes& within = phasors.within(bin);
-        const __m128 withinRe = _mm_load_ps(&within.re[at]);
-        const __m128 withinIm = _mm_load_ps(&within.im[at]);
+        const __m128 withinRe = _mm_load_ps(within.re.data());
+        const __m128 withinIm = _mm_load_ps(within.im.data());
         const __m128 re = _mm_sub_ps(_mm_mul_ps(startRe, withinRe), _mm_mul_ps(startIm, withinIm));
         const __m128 im = _mm_add_ps(_mm_mul_ps(startRe, withinIm), _mm_mul_ps(startIm, withinRe));
         const __m128 filterRe = _mm_set1_ps(bins[bin][0]);
@@ -127,20 +127,17 @@ void addBlock(const fftwf_complex* bins, int count, const CPhasors& phasors, con
         plus = _mm_add_ps(plus, magnitude(_mm_add_ps(filterRe, re), _mm_add_ps(filterIm, im)));
         minus = _mm_add_ps(minus, magnitude(_mm_sub_ps(filterRe, re), _mm_sub_ps(filterIm, im)));
     }
-    _mm_store_ps(&scores.plus[at], plus);
-    _mm_store_ps(&scores.minus[at], minus);
+    _mm_store_ps(scores.plus.data(), plus);
+    _mm_store_ps(scores.minus.data(), minus);
 }
 
-SScores scoreCandidates(const SDelaySearch& search)
+SGroupScores scoreOf(const SDelaySearch& search, const Group& group)
 {
-    SScores scores;
-    CPhasors phasors(search.first, search.wide.low, search.gain);
+    SGroupScores scores;
+    CPhasors phasors(search, group);
     for (int bin = search.wide.low; bin <= search.wide.high; bin += kBlockBins)
     {
-        const int count = std::min(kBlockBins, search.wide.high - bin + 1);
-        const SLanes start = phasors.start();
-        for (int lane = 0; lane < kLanes; lane += kPerVector)
-            addBlock(search.bins + bin, count, phasors, start, lane, scores);
+        addBlock(search.bins + bin, std::min(kBlockBins, search.wide.high - bin + 1), phasors, scores);
         phasors.nextBlock();
     }
     return scores;
@@ -157,9 +154,46 @@ bool impulseIsWellAboveRounding(const SDelaySearch& search)
 }
 
 /// Beyond doubt; NaN and infinity are doubtful.
-bool isBelow(float score, float best)
+bool isBelow(double score, float best)
 {
-    return best - score > kTooClose * best;
+    return static_cast<double>(best) - score > static_cast<double>(kTooClose * best);
+}
+
+struct SScores
+{
+    std::array<float, kMaxPositions> plus{};
+    std::array<float, kMaxPositions> minus{};
+};
+
+/// The scores of all positions but those that cannot come near the best, which stay 0.
+SScores scoreCandidates(const SDelaySearch& search)
+{
+    const std::array<double, kMaxPositions> bounds = scoreBounds(search);
+    std::array<std::size_t, kMaxPositions> order;
+    std::iota(order.begin(), order.end(), std::size_t{0});
+    const auto orderEnd = order.begin() + (search.last - search.first + 1);
+    std::sort(order.begin(), orderEnd, [&](std::size_t a, std::size_t b) { return bounds[a] > bounds[b]; });
+
+    SScores scores;
+    float best = 0.0F;
+    for (auto next = order.begin(); next < orderEnd;
+         next += std::min<std::ptrdiff_t>(kLanes, orderEnd - next))
+    {
+        // The transforms can round a score up to above its bound, by half of what is too close.
+        if (isBelow(bounds[*next] * (1.0 + 0.5 * static_cast<double>(kTooClose)), best))
+            break;
+        Group group;
+        for (std::ptrdiff_t lane = 0; lane < kLanes; ++lane)
+            group[static_cast<std::size_t>(lane)] = next[std::min(lane, orderEnd - next - 1)];
+        const SGroupScores found = scoreOf(search, group);
+        for (std::size_t lane = 0; lane < kLanes; ++lane)
+        {
+            scores.plus[group[lane]] = found.plus[lane];
+            scores.minus[group[lane]] = found.minus[lane];
+            best = std::max({best, found.plus[lane], found.minus[lane]});
+        }
+    }
+    return scores;
 }
 
 } // namespace
