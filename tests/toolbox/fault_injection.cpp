@@ -7,6 +7,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
+#include <new>
 
 #include "toolbox/allocator.h"
 
@@ -38,6 +39,12 @@ fftwf_plan __real_fftwf_plan_dft_r2c_1d(int size, float* in, fftwf_complex* out,
 fftwf_plan __wrap_fftwf_plan_dft_r2c_1d(int size, float* in, fftwf_complex* out, unsigned flags)
 {
     return korvotest::CFaults::s_plansFail ? nullptr : __real_fftwf_plan_dft_r2c_1d(size, in, out, flags);
+}
+
+void* __real__ZnwmRKSt9nothrow_t(std::size_t size, const std::nothrow_t& tag);
+void* __wrap__ZnwmRKSt9nothrow_t(std::size_t size, const std::nothrow_t& tag)
+{
+    return korvotest::CFaults::s_newsLeft-- > 0 ? __real__ZnwmRKSt9nothrow_t(size, tag) : nullptr;
 }
 }
 

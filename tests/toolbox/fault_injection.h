@@ -17,24 +17,26 @@ struct SAccounting
 /// Has an allocation fail, which tells the counters. Takes the log hook away.
 SAccounting readAccounting(unsigned long impossibleSize = ULONG_MAX);
 
-/// While it lives, toolbox allocations of this thread fail after `allocations` of them, and so do all FFT
-/// plans if `plansFail` is set.
+/// While it lives, toolbox allocations of this thread fail after `allocations` of them, `new (std::nothrow)`
+/// after `news`, and all FFT plans if `plansFail` is set.
 class CFaults
 {
 public:
-    explicit CFaults(int allocations, bool plansFail = false)
+    explicit CFaults(int allocations, bool plansFail = false, int news = INT_MAX)
     {
         s_allocationsLeft = allocations;
         s_plansFail = plansFail;
+        s_newsLeft = news;
     }
     ~CFaults()
     {
-        s_allocationsLeft = INT_MAX;
+        s_allocationsLeft = s_newsLeft = INT_MAX;
         s_plansFail = false;
     }
 
     static inline thread_local int s_allocationsLeft = INT_MAX;
     static inline thread_local bool s_plansFail = false;
+    static inline thread_local int s_newsLeft = INT_MAX;
 };
 
 } // namespace korvotest

@@ -5,7 +5,7 @@
 
 #include <climits>
 #include <cmath>
-#include <limits>
+#include <tuple>
 #include <utility>
 
 using namespace korvotoolbox;
@@ -18,20 +18,6 @@ bool isTransformSize(long size)
         for (int i = 0; i < most && size % factor == 0; ++i)
             size /= factor;
     return size == 1;
-}
-
-template<typename T>
-void expectPeaks()
-{
-    const T values[] = {-3, 2, 3, 2, 3, -7, 7, std::numeric_limits<T>::quiet_NaN()};
-    EXPECT_EQ(maxIdx(values, 0), -1);
-    EXPECT_EQ(maxIdx(static_cast<const T*>(nullptr), 1), 0);
-    EXPECT_EQ(maxIdx(values, 5), 2) << "the first of equals";
-    EXPECT_EQ(maxIdx(values, 8), 6);
-    EXPECT_EQ(maxAbsIdx(values, 0), -1);
-    EXPECT_EQ(maxAbsIdx(static_cast<const T*>(nullptr), 7), -1);
-    EXPECT_EQ(maxAbsIdx(values, 5), 0);
-    EXPECT_EQ(maxAbsIdx(values, 7), 5) << "the first of equals, whatever their signs";
 }
 
 } // namespace
@@ -54,8 +40,20 @@ TEST(Helpers, RoundHalvesAwayFromZeroInTheirOwnPrecision)
 
 TEST(Helpers, FindTheFirstLargestValue)
 {
-    expectPeaks<float>();
-    expectPeaks<double>();
+    const auto expectPeaks = []<typename T>(T none) {
+        const T values[] = {-3, 2, 3, 2, 3, -7, 7, none};
+        for (const auto& [length, largest, largestMagnitude] :
+             {std::tuple{0, -1, -1}, {-1, -1, -1}, {5, 2, 0}, {7, 6, 5}})
+        {
+            EXPECT_EQ(maxIdx(values, length), largest);
+            EXPECT_EQ(maxAbsIdx(values, length), largestMagnitude);
+        }
+        EXPECT_EQ(maxIdx(values, 8), 6) << "no number is not the largest";
+        EXPECT_EQ(maxIdx(static_cast<const T*>(nullptr), 1), 0);
+        EXPECT_EQ(maxAbsIdx(static_cast<const T*>(nullptr), 7), -1);
+    };
+    expectPeaks(std::nanf(""));
+    expectPeaks(std::nan(""));
 }
 
 TEST(Helpers, FourRatesAreSupported)
@@ -68,8 +66,6 @@ TEST(Helpers, NearestTransformSizeIsTheNextOneUp)
 {
     for (const int length : {INT_MIN, -1, 0, 7, INT_MAX})
         EXPECT_EQ(nearestFFTWSize(length), 0) << length;
-    EXPECT_EQ(nearestFFTWSize(1025), 1029);
-    EXPECT_EQ(nearestFFTWSize(65537), 65856);
     for (int length = 8; length < 200000; length += 1 + length / 50)
     {
         long next = length;

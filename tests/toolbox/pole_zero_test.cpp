@@ -34,19 +34,18 @@ TEST(PoleZero, KeepsZerosWithinAnIntervalInTheirOrder)
 
 TEST(PoleZero, ScalesAllPolesAlike)
 {
-    using Poles = std::vector<std::complex<double>>;
-    Poles poles{{0.3, 0.4}, {-1.2, 1.6}, {0.0, -1.0}};
-    EXPECT_TRUE(scalePolesToSafeMaxRadius(poles.data(), 3, 0.5));
-    const Poles expected{{0.075, 0.1}, {-0.3, 0.4}, {0.0, -0.25}};
-    for (std::size_t i = 0; i < 3; ++i)
-        EXPECT_NEAR(std::abs(poles[i] - expected[i]), 0.0, 1e-15);
-
-    const Poles inside{{0.3, 0.4}, {-0.6, 0.8}};
-    poles = inside;
-    EXPECT_TRUE(scalePolesToSafeMaxRadius(poles.data(), 2, 1.0));
+    using poles_t = std::vector<std::complex<double>>;
+    const auto safe = [](poles_t poles, double radius) {
+        EXPECT_TRUE(scalePolesToSafeMaxRadius(poles.data(), static_cast<int>(poles.size()), radius));
+        return poles;
+    };
+    EXPECT_EQ(safe({{0.3, 0.4}, {-1.2, 1.6}, {0.0, -1.0}}, 0.5),
+              (poles_t{{0.075, 0.1}, {-0.3, 0.4}, {0.0, -0.25}}));
+    poles_t poles{{0.3, 0.4}, {-0.6, 0.8}};
+    EXPECT_EQ(safe(poles, 1.0), poles);
     for (const double radius : {-0.1, 1.1, static_cast<double>(NAN)})
         EXPECT_FALSE(scalePolesToSafeMaxRadius(poles.data(), 2, radius));
     EXPECT_FALSE(scalePolesToSafeMaxRadius(poles.data(), 0, 0.5));
     EXPECT_FALSE(scalePolesToSafeMaxRadius(nullptr, 2, 0.5));
-    EXPECT_EQ(poles, inside);
+    EXPECT_EQ(poles, (poles_t{{0.3, 0.4}, {-0.6, 0.8}}));
 }

@@ -13,83 +13,64 @@
 
 using namespace korvotoolbox;
 
-namespace {
-
-std::unique_ptr<targetParamS> read(const std::vector<float>& flat)
-{
-    targetParamS* target = nullptr;
-    EXPECT_TRUE(arrayToTargetStruct(flat.data(), static_cast<int>(flat.size()), target));
-    return std::unique_ptr<targetParamS>(target);
-}
-
-std::vector<float> write(const targetParamS& target)
-{
-    float* made = nullptr;
-    int length = -1;
-    EXPECT_TRUE(targetStructToArray(made, length, &target));
-    const std::unique_ptr<float, decltype(&dtb_free)> owner(made, dtb_free);
-    return {made, made + length};
-}
-
-} // namespace
-
 TEST(TargetCurve, TakesEachValueToItsPlaceAndBack)
 {
-    const auto target = read({1.5F, 2.5F, 3.5F, 4.5F, 5.9F, -6.9F, 0.9F, -1, 20, -1, 200, -2, 2000, -3});
+    using floats_t = std::vector<float>;
+    const auto write = [](const targetParamS& target) {
+        float* made = nullptr;
+        int length = -1;
+        EXPECT_TRUE(targetStructToArray(made, length, &target));
+        const std::unique_ptr<float, decltype(&dtb_free)> owner(made, dtb_free);
+        return floats_t(made, made + length);
+    };
+    const floats_t flat{1.5F, 2.5F, 3.5F, 4.5F, 5.9F, -6.9F, 0.9F, -1, 20, -1, 200, -2, 2000, -3};
+    targetParamS* target = nullptr;
+    ASSERT_TRUE(arrayToTargetStruct(flat.data(), 14, target));
+    const std::unique_ptr<targetParamS> owner(target);
     EXPECT_TRUE(target->valueB == 1.5F && target->valueA == 2.5F);
     EXPECT_TRUE(target->valueC == 3.5F && target->valueD == 4.5F);
     EXPECT_TRUE(target->countB == 5 && target->countA == -6);
     EXPECT_TRUE(!target->flagB && target->flagA) << "0.9 is truncated";
     ASSERT_EQ(target->innerBreakPoints.size(), 1U);
     EXPECT_EQ(target->innerBreakPoints[0].frequency, 200.0F);
-    EXPECT_EQ(write(*target),
-              (std::vector<float>{1.5F, 2.5F, 3.5F, 4.5F, 5, -6, 0, 1, 20, -1, 200, -2, 2000, -3}));
+    EXPECT_EQ(write(*target), (floats_t{1.5F, 2.5F, 3.5F, 4.5F, 5, -6, 0, 1, 20, -1, 200, -2, 2000, -3}));
 
-    const auto wild = read({0, 0, 0, 0, 1e30F, -1e30F, NAN, 1e30F, 1, 2, 3, 4});
-    EXPECT_TRUE(wild->countB == INT_MAX && wild->countA == INT_MIN && wild->flagB && wild->flagA);
-    EXPECT_TRUE(wild->innerBreakPoints.empty());
+    // A structure that is passed in keeps the points that it has.
+    const floats_t wild{0, 0, 0, 0, 1e30F, -1e30F, NAN, 1e30F, 1, 2, 3, 4};
+    ASSERT_TRUE(arrayToTargetStruct(wild.data(), 12, target));
+    EXPECT_EQ(target, owner.get());
+    EXPECT_TRUE(target->countB == INT_MAX && target->countA == INT_MIN);
+    EXPECT_EQ(write(*target),
+              (floats_t{0, 0, 0, 0, 0x1p31F, -0x1p31F, 1, 1, 20, -1, 200, -2, 2000, -3, 1, 2, 3, 4}));
+    ASSERT_EQ(target->innerBreakPoints.size(), 3U);
+    EXPECT_EQ(target->innerBreakPoints[2].frequency, 1.0F);
 }
 
-TEST(TargetCurve, AppendsToAStructureThatIsPassedIn)
+TEST(TargetCurve, ReadsAndWritesOnlyArraysThatFit)
 {
-    const std::vector<float> flat{0, 0, 0, 0, 0, 0, 0, 0, 100, 1, 200, 2, 300, 3};
-    targetParamS target;
-    target.breakPoints = {{10, 5}, {20, 6}};
-    targetParamS* passed = &target;
-    ASSERT_TRUE(arrayToTargetStruct(flat.data(), 12, passed));
-    EXPECT_EQ(passed, &target);
-    EXPECT_EQ(write(target), (std::vector<float>{0, 0, 0, 0, 0, 0, 0, 0, 10, 5, 20, 6, 100, 1, 200, 2}));
-    ASSERT_EQ(target.innerBreakPoints.size(), 2U);
-    EXPECT_EQ(target.innerBreakPoints[1].frequency, 100.0F);
-
+    std::vector<float> values(14, 7.0F);
+    float* array = values.data();
     targetParamS* none = nullptr;
     for (const int length : {10, 11, 13, 0, -2})
-        EXPECT_FALSE(arrayToTargetStruct(flat.data(), length, none)) << length;
+        EXPECT_FALSE(arrayToTargetStruct(array, length, none)) << length;
     EXPECT_FALSE(arrayToTargetStruct(nullptr, 12, none));
     EXPECT_EQ(none, nullptr);
-}
 
-TEST(TargetCurve, WritesOnlyAnArrayThatFits)
-{
     targetParamS target;
     target.breakPoints = {{1, 2}, {3, 4}};
-    const std::vector<float> before(14, 7.0F);
-    auto values = before;
-    float* array = values.data();
     for (int length : {11, 13, 14, 0, -12})
         EXPECT_FALSE(targetStructToArray(array, length, &target));
     int length = 12;
     EXPECT_FALSE(targetStructToArray(array, length, nullptr));
-    EXPECT_EQ(values, before);
+    EXPECT_EQ(values, std::vector<float>(14, 7.0F));
     EXPECT_TRUE(targetStructToArray(array, length, &target));
-    EXPECT_EQ(values[11], 4.0F);
-    EXPECT_EQ(values[12], 7.0F);
+    EXPECT_EQ(values, (std::vector<float>{0, 0, 0, 0, 0, 0, 0, 0, 1, 2, 3, 4, 7, 7}));
 
     const auto accounting = korvotest::readAccounting();
     const korvotest::CFaults faults(0);
-    float* none = nullptr;
-    EXPECT_FALSE(targetStructToArray(none, length, &target));
-    EXPECT_EQ(none, nullptr);
+    float* unmade = nullptr;
+    EXPECT_FALSE(targetStructToArray(unmade, length, &target));
+    EXPECT_EQ(unmade, nullptr);
     EXPECT_EQ(korvotest::readAccounting().current, accounting.current);
 }
 
