@@ -17,6 +17,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <thread>
+#include <utility>
 
 #include "tests/support/processor.h"
 
@@ -29,10 +30,18 @@ thread_local unsigned t_refusedAllocation = 0; ///< the one that fails while cou
 /// False for an allocation that is to fail.
 bool noteAllocation()
 {
-    if (!t_counting)
-        return true;
-    ++t_allocations;
-    return t_allocations != t_refusedAllocation;
+    return !t_counting || ++t_allocations != t_refusedAllocation;
+}
+
+/// Calls of the heap that `action` makes on this thread.
+template<typename Action>
+unsigned allocationsOf(Action&& action)
+{
+    t_allocations = 0;
+    t_counting = true;
+    action();
+    t_counting = false;
+    return t_allocations;
 }
 
 } // namespace
@@ -67,13 +76,11 @@ void* memalign(std::size_t alignment, std::size_t size)
 }
 void* aligned_alloc(std::size_t alignment, std::size_t size)
 {
-    noteAllocation();
-    return __libc_memalign(alignment, size);
+    return memalign(alignment, size);
 }
 int posix_memalign(void** block, std::size_t alignment, std::size_t size)
 {
-    noteAllocation();
-    *block = __libc_memalign(alignment, size);
+    *block = memalign(alignment, size);
     return *block == nullptr ? ENOMEM : 0;
 }
 void free(void* block)
@@ -106,6 +113,12 @@ struct SBlock
 {
     alignas(16) unsigned char input[kFrames * kChannels * 4];
     alignas(16) unsigned char output[kFrames * kChannels * 4];
+
+    SBlock()
+    {
+        for (unsigned i = 0; i < sizeof input; ++i)
+            input[i] = static_cast<unsigned char>(i * 37 % 0x3F); // small exponents: finite as floats
+    }
 };
 
 /// All that an audio thread may meet: running, faded out, disabled, faded in, gains and delays on the move.
@@ -121,13 +134,6 @@ void exerciseAudioPath(krv_handle handle, SBlock& block)
     }
 }
 
-void fill(SBlock& block)
-{
-    block = {};
-    for (std::size_t i = 0; i < sizeof block.input; ++i)
-        block.input[i] = static_cast<unsigned char>(i * 37 % 0x3F); // small exponents: finite as floats
-}
-
 /// Runs `audio` on a thread that the kernel kills at any system call but read, write and exit, with `control`
 /// beside it, and ends the process: with success if the thread has come through and has not touched the heap.
 template<typename Audio, typename Control>
@@ -139,11 +145,7 @@ template<typename Audio, typename Control>
         const pid_t id = gettid();
         prctl(PR_SET_SECCOMP, SECCOMP_MODE_STRICT);
         threadId = id;
-        t_allocations = 0;
-        t_counting = true;
-        audio();
-        t_counting = false;
-        done = t_allocations == 0;
+        done = allocationsOf(audio) == 0;
         syscall(SYS_exit, 0); // the thread alone; anything that the C library does to end it would be refused
     });
     while (threadId == 0)
@@ -170,7 +172,6 @@ bool survivesLockedDown(Audio&& audio)
 void exchangeFiltersLockedDown()
 {
     SBlock block;
-    fill(block);
     CProcessor processor(kChannels, kFrames);
     if (processor.load(document()) != KRV_STATUS_OK || krv_setSamplerate(processor, 48000) != KRV_STATUS_OK)
         _exit(1);
@@ -196,7 +197,6 @@ TEST(RealTime, AThreadThatMakesASystemCallOrAllocatesIsFoundOut)
 TEST(RealTime, ProcessNeitherAllocatesNorEntersTheKernel)
 {
     SBlock block;
-    fill(block);
     for (const unsigned rate : kRates)
         for (int in = 1; in <= 5; ++in)
             for (int out = 1; out <= 5; ++out)
@@ -208,34 +208,25 @@ TEST(RealTime, ProcessNeitherAllocatesNorEntersTheKernel)
                 CProcessor processor(kChannels, kFrames, in, out);
                 ASSERT_EQ(processor.load(document()), KRV_STATUS_OK);
                 ASSERT_EQ(krv_setSamplerate(processor, rate), KRV_STATUS_OK);
-                t_allocations = 0;
-                t_counting = true;
-                exerciseAudioPath(processor, block);
-                t_counting = false;
-                EXPECT_EQ(t_allocations, 0U);
-                EXPECT_TRUE(in != out || survivesLockedDown([&] { exerciseAudioPath(processor, block); }));
+                const auto exercise = [&] { exerciseAudioPath(processor, block); };
+                EXPECT_EQ(allocationsOf(exercise), 0U);
+                EXPECT_TRUE(in != out || survivesLockedDown(exercise));
             }
 }
 
 TEST(Instance, CreationWithoutMemoryGivesNoHandle)
 {
+    krv_handle handle = nullptr;
     int status = KRV_STATUS_OUT_OF_MEMORY;
-    unsigned refused = 0;
-    while (status == KRV_STATUS_OUT_OF_MEMORY)
+    while (status == KRV_STATUS_OUT_OF_MEMORY && handle == nullptr)
     {
-        krv_handle handle = nullptr;
-        t_allocations = 0;
-        t_refusedAllocation = ++refused;
-        t_counting = true;
-        status = krv_create(&handle, 2, 64, KRV_FORMAT_FLOAT32, KRV_FORMAT_FLOAT32);
-        t_counting = false;
-        ASSERT_EQ(handle != nullptr, status == KRV_STATUS_OK) << "at allocation " << refused;
-        if (handle != nullptr)
-            krv_destroy(handle);
+        ++t_refusedAllocation;
+        allocationsOf([&] { status = krv_create(&handle, 2, 64, KRV_FORMAT_FLOAT32, KRV_FORMAT_FLOAT32); });
     }
-    t_refusedAllocation = 0;
     EXPECT_EQ(status, KRV_STATUS_OK);
-    EXPECT_GT(refused, 100U) << "engine, buffers and filters for eight channels take more than that";
+    EXPECT_EQ(krv_destroy(handle), KRV_STATUS_OK);
+    EXPECT_GT(std::exchange(t_refusedAllocation, 0), 100U)
+        << "engine, buffers and filters for eight channels take more than that";
 }
 
 TEST(RealTime, FilterExchangeDoesNotEnterTheKernelEither)

@@ -53,9 +53,19 @@ public:
     /// Runs silence until a loaded filter has faded in.
     void settle(unsigned channels, unsigned frames = 64)
     {
-        std::vector<float> silence(static_cast<std::size_t>(frames) * channels);
         for (int i = 0; i < 3; ++i)
+        {
+            std::vector<float> silence(static_cast<std::size_t>(frames) * channels);
             process(silence, channels);
+        }
+    }
+
+    /// Loads the document, sets the rate and lets the filter fade in.
+    void start(const std::vector<SChannel>& channels, unsigned rate)
+    {
+        ASSERT_EQ(load(channels), KRV_STATUS_OK);
+        ASSERT_EQ(krv_setSamplerate(m_handle, rate), KRV_STATUS_OK);
+        settle(m_channels);
     }
 
     /// Takes the filter out while audio runs: without that, destruction waits a second for an audio thread
