@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+#include <functional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -45,14 +46,14 @@ public:
                                   const char* creationDate, const char* fileName,
                                   const char* numberRepresentation) override
     {
-        return add("info", text(projectName), text(technology), channelCount, text(creationDate),
-                   text(fileName), text(numberRepresentation));
+        return add("info", projectName, technology, channelCount, creationDate, fileName,
+                   numberRepresentation);
     }
 
     bool IFIIRCallback_ChannelInfo(unsigned int channelIndex, const char* name, unsigned int number,
                                    float gaindB, float delayms, float maxFilterGaindB) override
     {
-        return add("channel", channelIndex, text(name), number, gaindB, delayms, maxFilterGaindB);
+        return add("channel", channelIndex, name, number, gaindB, delayms, maxFilterGaindB);
     }
 
     bool IFIIRCallback_FilterData(unsigned int channelIndex, unsigned int fs, bool minPhase,
@@ -64,28 +65,32 @@ public:
         std::ostringstream values;
         for (unsigned int i = 0; i < nbrOfTaps; ++i)
             values << taps[i] << ' ';
-        for (unsigned int i = 0; i < nbrOfSections; ++i)
-            values << '/' << sections[i].a1 << ' ' << sections[i].a2 << ' ' << sections[i].b0 << ' '
-                   << sections[i].b1;
+        for (const auto* section = sections; section < sections + nbrOfSections; ++section)
+            values << '/' << section->a1 << ' ' << section->a2 << ' ' << section->b0 << ' ' << section->b1;
         return add("data", channelIndex, fs, minPhase, values.str());
     }
 
     std::vector<std::string> calls;
     std::vector<const float*> tapPointers;
     mutable int wantsCalls = 0;
-    std::string refuse; ///< the kind of call to answer with false
+    std::function<bool(const std::string& kind)> answer; ///< what each call returns, true without one
 
 private:
     static std::string text(const char* given) { return given != nullptr ? given : "(null)"; }
+    template<typename TValue>
+    static const TValue& text(const TValue& value)
+    {
+        return value;
+    }
 
     template<typename... TValues>
     bool add(const std::string& kind, const TValues&... values)
     {
         std::ostringstream line;
         line << kind;
-        ((line << '|' << values), ...);
+        ((line << '|' << text(values)), ...);
         calls.push_back(line.str());
-        return kind != refuse;
+        return !answer || answer(kind);
     }
 
     const unsigned int m_wants;

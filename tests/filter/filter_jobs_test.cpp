@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "filter/filter_jobs.h"
 
+#include <array>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <filesystem>
 #include <functional>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -23,26 +22,12 @@ using korvotest::CRecorder;
 using korvotest::kExample;
 using Clock = std::chrono::steady_clock;
 
-/// One-way gate between threads.
-class CGate
-{
-public:
-    void open()
-    {
-        const std::lock_guard lock(m_mutex);
-        m_open = true;
-        m_changed.notify_all();
-    }
-    bool wait(std::chrono::milliseconds limit = 20s)
-    {
-        std::unique_lock lock(m_mutex);
-        return m_changed.wait_for(lock, limit, [this] { return m_open; });
-    }
+constexpr int kLong = 20000; // ms
 
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    bool m_open = false;
+/// One-way gate between threads.
+struct SGate : juce::WaitableEvent
+{
+    SGate() : juce::WaitableEvent(true) {}
 };
 
 class CWork : public juce::ThreadPoolJob
@@ -82,22 +67,19 @@ TEST(FilterJobPoolThreads, HasTwoThreadsWhileThereIsWorkAndNoneAWhileLater)
     {
         EXPECT_EQ(threads(), before);
         // Shared, since that the threads have gone is known by counting them and not by joining them.
-        struct SGates
-        {
-            CGate running[3];
-            CGate finish;
-        };
-        const auto gates = std::make_shared<SGates>();
-        for (int job = 0; job < 3; ++job)
+        const auto gates = std::make_shared<std::array<SGate, 4>>();
+        SGate* const running = gates->data();
+        SGate& finish = gates->back();
+        for (std::size_t job = 0; job < 3; ++job)
             pool.addJob(std::make_unique<CWork>([gates, job] {
-                gates->running[job].open();
-                gates->finish.wait();
+                (*gates)[job].signal();
+                gates->back().wait(kLong);
             }));
-        EXPECT_TRUE(gates->running[0].wait() && gates->running[1].wait());
+        EXPECT_TRUE(running[0].wait(kLong) && running[1].wait(kLong));
         EXPECT_EQ(threads(), before + 2);
-        EXPECT_FALSE(gates->running[2].wait(5ms));
-        gates->finish.open();
-        EXPECT_TRUE(gates->running[2].wait());
+        EXPECT_FALSE(running[2].wait(5));
+        finish.signal();
+        EXPECT_TRUE(running[2].wait(kLong));
         const auto ended = Clock::now();
         EXPECT_TRUE(eventually([&] { return threads() == before; }));
         EXPECT_GE(Clock::now() - ended, 50ms);
@@ -132,16 +114,16 @@ TEST(FilterJobPoolThreads, RunsEachJobOnceHoweverPostsAndRetirementMeet)
 TEST(FilterJobPoolThreads, WaitsForTheRunningJobsAndDropsTheOthersWhenDestroyed)
 {
     std::atomic<int> runs{0};
-    CGate running[2];
+    SGate running[2];
     {
         CFilterJobPool pool;
-        for (CGate& gate : running)
+        for (SGate& gate : running)
             pool.addJob(std::make_unique<CWork>([&] {
-                gate.open();
+                gate.signal();
                 std::this_thread::sleep_for(50ms);
                 ++runs;
             }));
-        EXPECT_TRUE(running[0].wait() && running[1].wait());
+        EXPECT_TRUE(running[0].wait(kLong) && running[1].wait(kLong));
         pool.addJob(std::make_unique<CWork>([&] { ++runs; }));
     }
     EXPECT_EQ(runs, 2);
@@ -168,27 +150,18 @@ TEST(FilterJobsThreads, TellWhatBecameOfADocument)
     EXPECT_EQ(readFilterDocument(borrowed.get(), nullptr), kJobNotRead);
     EXPECT_EQ(loadFilterDocument(none, &recorder), kJobNotRead);
 
-    struct SThrower : CRecorder
-    {
-        bool IFIIRCallback_ChannelInfo(unsigned int, const char*, unsigned int, float, float, float) override
-        {
-            throw std::bad_alloc();
-        }
-    } thrower;
-    EXPECT_EQ(readFilterDocument(borrowed.get(), &thrower), kJobRefused);
+    recorder.answer = [](const std::string&) -> bool { throw std::bad_alloc(); };
+    EXPECT_EQ(readFilterDocument(borrowed.get(), &recorder), kJobRefused);
 }
 
 /// Gives one byte at a time, and each only after `delay`.
 class CSlowStream : public juce::MemoryInputStream
 {
 public:
-    CSlowStream(std::function<void()> delay, std::atomic<bool>& alive)
-        : juce::MemoryInputStream(kExample.data(), kExample.size(), false), m_delay(std::move(delay)),
-          m_alive(alive)
+    explicit CSlowStream(std::function<void()> delay)
+        : juce::MemoryInputStream(kExample.data(), kExample.size(), false), m_delay(std::move(delay))
     {
-        m_alive = true;
     }
-    ~CSlowStream() override { m_alive = false; }
     int read(void* buffer, int) override
     {
         m_delay();
@@ -197,14 +170,12 @@ public:
 
 private:
     const std::function<void()> m_delay;
-    std::atomic<bool>& m_alive;
 };
 
 TEST(FilterJobsThreads, LetGoOfABorrowedStreamAndReceiverAtTheTimeOut)
 {
-    std::atomic<bool> alive{false};
     {
-        CSlowStream stream([] { std::this_thread::sleep_for(10ms); }, alive);
+        CSlowStream stream([] { std::this_thread::sleep_for(10ms); });
         CRecorder recorder;
         EXPECT_EQ(readFilterDocument(&stream, &recorder, 30), kJobNotRead);
         EXPECT_EQ(recorder.wantsCalls, 0);
@@ -215,38 +186,31 @@ TEST(FilterJobsThreads, LetGoOfABorrowedStreamAndReceiverAtTheTimeOut)
 
 TEST(FilterJobsThreads, ReturnInTimeFromAStreamThatBlocksAndFreeItWhenItLetsGo)
 {
-    std::atomic<bool> alive{false};
-    CGate gate;
-    auto recorder = std::make_unique<CRecorder>();
+    const auto gate = std::make_shared<SGate>();
     const auto start = Clock::now();
-    EXPECT_EQ(
-        readFilterDocument(std::make_unique<CSlowStream>([&] { gate.wait(); }, alive), recorder.get(), 30),
-        kJobNotRead);
+    {
+        CRecorder recorder;
+        auto stream = std::make_unique<CSlowStream>([gate] { gate->wait(kLong); });
+        EXPECT_EQ(readFilterDocument(std::move(stream), &recorder, 30), kJobNotRead);
+        EXPECT_EQ(recorder.wantsCalls, 0);
+    }
     EXPECT_LT(Clock::now() - start, 10s);
-    EXPECT_EQ(recorder->wantsCalls, 0);
-    recorder.reset();
-    EXPECT_TRUE(alive);
-    gate.open();
-    EXPECT_TRUE(eventually([&] { return !alive; }));
+    EXPECT_EQ(gate.use_count(), 2) << "the stream is still in use";
+    gate->signal();
+    EXPECT_TRUE(eventually([&] { return gate.use_count() == 1; }));
 }
 
 TEST(FilterJobsThreads, CallNoReceiverAfterTheTimeOut)
 {
-    struct SSlow : CRecorder
-    {
-        bool IFIIRCallback_FilterInfo(const char*, const char*, unsigned int, const char*, const char*,
-                                      const char*) override
-        {
-            std::this_thread::sleep_for(60ms);
-            left = true;
-            return true;
-        }
-        bool left = false;
+    auto slow = std::make_unique<CRecorder>();
+    bool left = false;
+    slow->answer = [&left](const std::string&) {
+        std::this_thread::sleep_for(60ms);
+        return left = true;
     };
-    auto slow = std::make_unique<SSlow>();
     EXPECT_EQ(readFilterDocument(streamOf(kExample), slow.get(), 20), kJobNotRead);
-    EXPECT_TRUE(slow->left); // The call in progress was waited for,
-    EXPECT_TRUE(slow->calls.empty());
+    EXPECT_TRUE(left); // The call in progress was waited for,
+    EXPECT_EQ(slow->calls.size(), 1U);
     slow.reset(); // and there is no further one.
     std::this_thread::sleep_for(30ms);
 }
