@@ -93,7 +93,8 @@ void* IpcStorage::allocMsgMem(unsigned int payloadBytes)
 
 void IpcStorage::post(void* message)
 {
-    ring::post({*head, *tail, data, size, mask}, message);
+    if (message != nullptr)
+        ring::post({*head, *tail, data, size, mask}, ring::strideOf(message));
 }
 
 void* IpcStorage::nextMessage() const

@@ -35,12 +35,16 @@ unsigned int LocalStorage::usedBytes() const
 
 void* LocalStorage::allocMsgMem(unsigned int payloadBytes)
 {
-    return ring::allocMsgMem({head, tail, data, size, mask}, tailSeen, payloadBytes);
+    void* message = ring::allocMsgMem({head, tail, data, size, mask}, tailSeen, payloadBytes);
+    if (message != nullptr)
+        given = ring::strideFor(payloadBytes);
+    return message;
 }
 
 void LocalStorage::post(void* message)
 {
-    ring::post({head, tail, data, size, mask}, message);
+    if (message != nullptr)
+        ring::post({head, tail, data, size, mask}, given);
 }
 
 void* LocalStorage::nextMessage() const

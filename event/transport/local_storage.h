@@ -47,16 +47,19 @@ public:
     void purge();
 
 private:
-    static constexpr std::size_t kCacheLine =
-        64; // a line for each side, so that neither takes the other's away
+    // Two lines, since processors fetch them in pairs. What one side writes lies in a pair of its own, so
+    // that it takes nothing away from the other.
+    static constexpr std::size_t kLinePair = 128;
 
     std::uint32_t size;
     std::uint32_t mask;
     unsigned char* data;
-    alignas(kCacheLine) mutable std::uint32_t head = 0;
-    std::uint32_t tailSeen = 0;                         // the writer's copy
-    alignas(kCacheLine) mutable std::uint32_t tail = 0; // nextMessage() moves it over skip records
-    mutable std::uint32_t headSeen = 0;                 // the reader's copy
+    alignas(kLinePair) mutable std::uint32_t head = 0;
+    alignas(kLinePair) std::uint32_t tailSeen = 0; // the writer's copy
+    std::uint32_t given =
+        0; // the stride of the slot that awaits its post(), which would wait to read it back
+    alignas(kLinePair) mutable std::uint32_t tail = 0; // nextMessage() moves it over skip records
+    mutable std::uint32_t headSeen = 0;                // the reader's copy
 };
 
 } // namespace event::transport

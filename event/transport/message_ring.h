@@ -49,7 +49,11 @@ struct SView
 /// counts on it.
 inline void fullBarrier()
 {
-#if !defined(__SANITIZE_THREAD__) // which does not know fences
+#if defined(__SANITIZE_THREAD__) // which does not know fences
+#elif defined(__x86_64__)
+    // As the fence below, but not on the return address, for which the caller's `ret` would then wait.
+    asm volatile("lock orl $0, -8(%%rsp)" ::: "memory", "cc");
+#else
     std::atomic_thread_fence(std::memory_order_seq_cst);
 #endif
 }
@@ -102,6 +106,12 @@ inline bool isSkip(std::uint32_t stride)
     return static_cast<std::int32_t>(stride) < 0;
 }
 
+/// A payload with its header, rounded up.
+inline std::uint32_t strideFor(std::uint32_t payloadBytes)
+{
+    return (payloadBytes + 15) & ~(kSlotAlignment - 1);
+}
+
 /// Whether a message or skip record with this stride can lie at this place.
 inline bool isPossible(const SView& ring, std::uint32_t counter, std::uint32_t stride)
 {
@@ -141,7 +151,7 @@ inline void* allocMsgMem(const SView& ring, std::uint32_t& tailSeen, std::uint32
 {
     if (std::uint64_t{payloadBytes} + kHeaderBytes > ring.size)
         return nullptr; // fits at no time, and the stride below could wrap
-    const std::uint32_t stride = (payloadBytes + 15) & ~(kSlotAlignment - 1);
+    const std::uint32_t stride = strideFor(payloadBytes);
     std::uint32_t head = own(ring.head);
     if (!hasSpace(ring, tailSeen, head, stride))
         return nullptr;
@@ -158,15 +168,19 @@ inline void* allocMsgMem(const SView& ring, std::uint32_t& tailSeen, std::uint32
     return ring.data + offsetAt(ring, head) + kHeaderBytes;
 }
 
-/// Writer: makes the slot of `message` visible to the reader.
-inline void post(const SView& ring, void* message)
+/// The stride that allocMsgMem() has written before `message`.
+inline std::uint32_t strideOf(const void* message)
 {
-    if (message == nullptr)
-        return;
     const auto* slot =
-        reinterpret_cast<const SSlotHeader*>(static_cast<unsigned char*>(message) - kHeaderBytes);
-    publish(ring.head, own(ring.head) + static_cast<std::uint32_t>(slot->stride));
-    fullBarrier();
+        reinterpret_cast<const SSlotHeader*>(static_cast<const unsigned char*>(message) - kHeaderBytes);
+    return static_cast<std::uint32_t>(slot->stride);
+}
+
+/// Writer: makes the slot of this stride visible to the reader.
+inline void post(const SView& ring, std::uint32_t stride)
+{
+    publish(ring.head, own(ring.head) + stride);
+    fullBarrier(); // apart from the store, whose cache line is then fetched beside those of the message
 }
 
 /// Reader: gives up what is in the ring, since nothing behind an impossible slot can be found.

@@ -1,58 +1,30 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <fstream>
-#include <initializer_list>
-#include <sstream>
+#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "tests/event/shared_names.h"
-#include "tests/support/temp_folder.h"
-
-namespace {
-
-using korvotest::CChild;
-
-/// Replaces the child by one of the example programs, its output going to `output`.
-int become(const char* program, const std::string& output, std::vector<std::string> arguments)
-{
-    if (std::freopen(output.c_str(), "w", stdout) == nullptr)
-        return 126;
-    std::vector<char*> pointers = {const_cast<char*>(program)};
-    for (std::string& argument : arguments)
-        pointers.push_back(argument.data());
-    pointers.push_back(nullptr);
-    execv(program, pointers.data());
-    return 127;
-}
-
-} // namespace
+#include "tests/support/run_program.h"
 
 TEST(EventBusExample, TheServerPrintsWhatTheClientSends)
 {
     const korvotest::CSharedNames names;
-    const korvotest::CTempFolder folder;
-    const std::string output = folder.path() / "server.txt";
     // More notes than the ring holds, so that the client meets a full ring, and one that is too long.
-    std::vector<std::string> arguments = {names.prefix()};
-    std::string expected;
+    std::vector<std::string> command = {KORVO_EVENT_BUS_CLIENT, names.prefix()};
     for (int i = 0; i < 500; ++i)
-        arguments.push_back("note " + std::to_string(i));
-    arguments.push_back(std::string(300, 'x'));
-    arguments.push_back("bye");
-    for (std::size_t i = 1; i < arguments.size(); ++i)
-        expected.append(arguments[i], 0, 255).append("\n");
+        command.push_back("note " + std::to_string(i));
+    command.insert(command.end(), {std::string(300, 'x'), "bye"});
+    std::string expected;
+    for (std::size_t i = 2; i < command.size(); ++i)
+        expected.append(command[i], 0, 255).append("\n");
 
-    CChild client(
-        [&] { return become(KORVO_EVENT_BUS_CLIENT, "/dev/null", arguments); }); // it waits for its server
-    CChild server([&] { return become(KORVO_EVENT_BUS_SERVER, output, {names.prefix()}); });
-    EXPECT_EQ(client.wait(std::chrono::seconds(30)), 0);
-    EXPECT_EQ(server.wait(std::chrono::seconds(30)), 0);
-    std::stringstream printed;
-    printed << std::ifstream(output).rdbuf();
-    EXPECT_EQ(printed.str(), expected);
-    EXPECT_NE(access(("/dev/shm/" + names.prefix() + "_m_8").c_str(), F_OK), 0) << "the ring's name is gone";
+    korvotest::CProgram client(command); // it waits for its server
+    korvotest::CProgram server({"/usr/bin/timeout", "60", KORVO_EVENT_BUS_SERVER, names.prefix()});
+    EXPECT_EQ(client.finish().exitCode, 0);
+    const korvotest::SProgramResult served = server.finish();
+    EXPECT_EQ(served.exitCode, 0);
+    EXPECT_EQ(served.out, expected);
+    EXPECT_FALSE(std::filesystem::exists("/dev/shm/" + names.prefix() + "_m_8")) << "the ring's name is gone";
 }

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,41 +15,25 @@
 #include <string>
 #include <thread>
 #include <utility>
-#include <vector>
 
 namespace korvotest {
 
-/// A prefix for names of shared memory and semaphores; if none is given, one that no other test uses. What
-/// carries it is removed by a process of its own as soon as this object or the whole test is gone, in
-/// whatever way it went.
+/// A prefix for names of shared memory and semaphores. What carries it is removed as soon as this object is
+/// gone or, by a process of its own, the whole test is, in whatever way it went.
 class CSharedNames
 {
 public:
-    explicit CSharedNames(std::string prefix = ownPrefix()) : m_prefix(std::move(prefix))
-    {
-        int ends[2];
-        if (pipe2(ends, O_CLOEXEC) != 0 || (m_janitor = fork()) < 0)
-            throw std::runtime_error("no process to clean up after the test");
-        if (m_janitor == 0)
-        {
-            setsid();
-            close(ends[1]);
-            char byte;
-            while (read(ends[0], &byte, 1) < 0)
-            {
-            }
-            removeAll();
-            _exit(0);
-        }
-        close(ends[0]);
-        m_lifeline = ends[1];
-        lifelines().push_back(m_lifeline);
-    }
+    /// A prefix that no other test uses.
+    CSharedNames() : CSharedNames(ownPrefix(), -1) {}
+    /// One that is the same in each run of a test; runs at the same time take turns.
+    explicit CSharedNames(const char* fixed) : CSharedNames(fixed, open("/dev/shm", O_RDONLY | O_CLOEXEC)) {}
     ~CSharedNames()
     {
-        std::erase(lifelines(), m_lifeline);
-        close(m_lifeline);
+        kill(m_janitor, SIGKILL);
         waitpid(m_janitor, nullptr, 0);
+        removeAll();
+        if (m_turn >= 0)
+            close(m_turn);
     }
     CSharedNames(const CSharedNames&) = delete;
     CSharedNames& operator=(const CSharedNames&) = delete;
@@ -56,18 +41,36 @@ public:
     const std::string& prefix() const { return m_prefix; }
     std::string name(const std::string& suffix) const { return m_prefix + suffix; }
 
-    /// What a process that is to outlive the test must not keep open.
-    static std::vector<int>& lifelines()
+private:
+    CSharedNames(std::string prefix, int turn) : m_prefix(std::move(prefix)), m_turn(turn), m_janitor(fork())
     {
-        static std::vector<int> s_lifelines;
-        return s_lifelines;
+        if (m_janitor < 0)
+            throw std::runtime_error("no process to clean up after the test");
+        if (m_janitor == 0)
+            waitForTheEndOfTheTest();
+        if (m_turn >= 0 && flock(m_turn, LOCK_EX) != 0) // the janitor's as well, until it has cleaned up
+            throw std::runtime_error("no turn");
     }
 
-private:
     static std::string ownPrefix()
     {
         static int s_count = 0;
         return "korvotest-" + std::to_string(getpid()) + "-" + std::to_string(s_count++) + "-";
+    }
+
+    [[noreturn]] void waitForTheEndOfTheTest() const
+    {
+        setsid(); // what ends the test by its group leaves the janitor
+        sigset_t end;
+        sigemptyset(&end);
+        sigaddset(&end, SIGTERM);
+        sigprocmask(SIG_BLOCK, &end, nullptr);
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        int signal = 0;
+        if (getppid() == m_test)
+            sigwait(&end, &signal);
+        removeAll();
+        _exit(0);
     }
 
     void removeAll() const
@@ -82,50 +85,42 @@ private:
     }
 
     std::string m_prefix;
-    pid_t m_janitor = -1;
-    int m_lifeline = -1;
+    int m_turn; // the lock, or -1
+    pid_t m_test = getpid();
+    pid_t m_janitor;
 };
 
-/// A second process that runs `work` and ends with its result. Does not outlive the test.
+/// A second process that runs `work` and ends with its result. Does not outlive the test, nor half a minute.
 class CChild
 {
 public:
-    static constexpr int kStillRunning = -1;
-
     explicit CChild(const std::function<int()>& work) : m_process(fork())
     {
         if (m_process != 0)
             return;
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        for (const int lifeline : CSharedNames::lifelines())
-            close(lifeline);
+        alarm(30);
         _exit(work());
     }
-    ~CChild() { kill(); }
+    ~CChild()
+    {
+        if (m_process > 0)
+            kill();
+    }
     CChild(const CChild&) = delete;
     CChild& operator=(const CChild&) = delete;
 
     void kill()
     {
-        if (m_process <= 0)
-            return;
         ::kill(m_process, SIGKILL);
-        waitpid(m_process, nullptr, 0);
-        m_process = -1;
+        wait();
     }
 
-    /// The exit code, 128 and the signal's number if it was killed, or kStillRunning after that time.
-    int wait(std::chrono::milliseconds timeout)
+    /// The exit code, or 128 and the number of the signal that ended it.
+    int wait()
     {
-        const auto end = std::chrono::steady_clock::now() + timeout;
         int status = 0;
-        while (waitpid(m_process, &status, WNOHANG) == 0)
-        {
-            if (std::chrono::steady_clock::now() > end)
-                return kStillRunning;
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        }
-        m_process = -1;
+        waitpid(std::exchange(m_process, -1), &status, 0);
         return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
     }
 
@@ -133,18 +128,12 @@ private:
     pid_t m_process;
 };
 
-/// Whether `condition` comes true within that time.
-inline bool eventually(const std::function<bool()>& condition,
-                       std::chrono::milliseconds timeout = std::chrono::seconds(20))
+/// Whether `condition` comes true within half a minute.
+inline bool eventually(const std::function<bool()>& condition)
 {
-    const auto end = std::chrono::steady_clock::now() + timeout;
-    while (!condition())
-    {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
+    for (int i = 0; i < 30000 && !condition(); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
+    return condition();
 }
 
 } // namespace korvotest

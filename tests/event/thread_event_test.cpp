@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "event/transport/deadline.h"
@@ -28,31 +29,30 @@ TEST(ThreadEvent, RemembersOneNotification)
 
 TEST(ThreadEvent, CarriesMicrosecondsIntoTheSecond)
 {
-    const timespec carried = event::transport::deadlineAfter({100, 600000000}, 1500);
-    EXPECT_EQ(carried.tv_sec, 102);
-    EXPECT_EQ(carried.tv_nsec, 100000000);
-    const timespec plain = event::transport::deadlineAfter({100, 499999000}, 2500);
-    EXPECT_EQ(plain.tv_sec, 102);
-    EXPECT_EQ(plain.tv_nsec, 999999000);
+    for (const auto& [nanoseconds, timeoutMs, expected] :
+         {std::tuple(600000000L, 1500U, 100000000L), std::tuple(499999000L, 2500U, 999999000L)})
+    {
+        const timespec deadline = event::transport::deadlineAfter({100, nanoseconds}, timeoutMs);
+        EXPECT_EQ(deadline.tv_sec, 102);
+        EXPECT_EQ(deadline.tv_nsec, expected);
+    }
 }
 
 TEST(ThreadEventThreads, WakesASleeper)
 {
-    Event wake;
-    Event awake;
-    std::thread sleeper([&] {
-        EXPECT_TRUE(wake.wait(Event::s_kTimeOutInfinite));
-        awake.notify();
-        EXPECT_TRUE(wake.wait(20000));
-        awake.notify();
-    });
-    for (int i = 0; i < 2; ++i)
+    for (const unsigned int timeoutMs : {Event::s_kTimeOutInfinite, 20000U})
     {
+        Event wake;
+        Event awake;
+        std::thread sleeper([&] {
+            EXPECT_TRUE(wake.wait(timeoutMs));
+            awake.notify();
+        });
         EXPECT_FALSE(awake.wait(30));
         wake.notify();
         EXPECT_TRUE(awake.wait(20000));
+        sleeper.join();
     }
-    sleeper.join();
 }
 
 TEST(ThreadEventThreads, ACrowdLosesNoWakeUp)
