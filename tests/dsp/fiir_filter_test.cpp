@@ -158,6 +158,7 @@ TEST(FiirFilter, IsWipedByACountOfTapsThatCannotBeHad)
         void* raw = nullptr;
         ASSERT_TRUE(FIIR_InitRaw(kInitAuto, &raw) && FIIR_IsHandleValid(raw));
         const FiirHandle filter(raw, FIIR_Discard);
+        EXPECT_TRUE(FIIR_AddBQSection(raw, std::vector{1.0F, 2.0F, 3.0F, 4.0F}.data())); // must go as well
         EXPECT_FALSE(FIIR_SetFIRCoefficients(filter.get(), &tap, count));
         EXPECT_FALSE(FIIR_IsHandleValid(filter.get()));
         const FIIR_FILTER_tag& fields = fieldsOf(filter);
