@@ -190,6 +190,38 @@ TEST(FilteringEngine, EqualsPlainLoopsToTheBit)
     comparePlain(random, 1, 0xFFFFFFFF);
 }
 
+TEST(FilteringEngine, RunsTheFilterOfItsRateAlone)
+{
+    const unsigned rates[] = {kRate, 48000};
+    const FiirHandle filter = makeFiir(korvodsp::kInitAuto, {2.0F});
+    CFilteringEngine engine(1);
+    engine.initFilters(rates, 2);
+    engine.setFilterForChannel(48000, 0, filter.get());
+    for (const unsigned rate : rates)
+    {
+        ASSERT_TRUE(engine.init(rate, 1, 1, 0));
+        float sample = 0.0F;
+        void* retired = nullptr;
+        for (int block = 0; block < 3; ++block)
+            engine.process(&(sample = 1.0F), &sample, 1, 0, 1, &retired);
+        EXPECT_EQ(sample, rate == kRate ? 1.0F : 2.0F);
+    }
+}
+
+TEST(FilteringEngine, HoldsSettingsWithinTheirRange)
+{
+    CFilteringEngine engine(1);
+    const float rows[][3] = {
+        {0.5F, 0.5F, 0.5F}, {1e30F, 1.0F, 1e30F}, {-1.0F, -1.0F, 0.0F}, {NAN, 1.0F, 0.0F}};
+    for (const auto& [set, overallGain, delayMs] : rows)
+    {
+        engine.setOverallGain(set);
+        engine.setChannelDelay(0, set);
+        EXPECT_EQ(engine.getOverallGain(), overallGain) << set;
+        EXPECT_EQ(engine.getChannelDelay(0), delayMs) << set;
+    }
+}
+
 TEST(FilteringEngine, RefusesWhatInitDidNotProvideFor)
 {
     CFilteringEngine engine(4);
