@@ -13,13 +13,7 @@ namespace {
 
 using byte_t = unsigned char;
 
-/// Best first; the last one serves every processor of this architecture.
-const SBlockConversions& bestConversions()
-{
-    return cpuHasAvx2() ? kAvx2Conversions : kSse2Conversions;
-}
-
-const SBlockConversions& s_blocks = bestConversions();
+const SBlockConversions& s_blocks = *availableConversions().front();
 
 /// Rounds toward negative infinity while it lives. Gives back the caller's rounding mode and nothing else:
 /// flags that the arithmetic in between has raised stay raised, as after any arithmetic.
@@ -106,10 +100,15 @@ bool readScalar(const byte_t* src, byte_t* dst, std::size_t count, double scale)
 
 } // namespace
 
-bool cpuHasAvx2()
+std::span<const SBlockConversions* const> availableConversions()
 {
+    static constexpr const SBlockConversions* s_bestFirst[] = {&kAvx512Conversions, &kAvx2Conversions,
+                                                               &kSse2Conversions};
     __builtin_cpu_init(); // may run before the constructor that does it otherwise
-    return __builtin_cpu_supports("avx2") != 0;
+    const bool avx2 = __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
+    const bool avx512 = avx2 && __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+                        __builtin_cpu_supports("avx512vbmi");
+    return std::span(s_bestFirst).subspan(avx512 ? 0 : avx2 ? 1 : 2);
 }
 
 bool NativeInt16ToFloat32_X86(const void* src, float* dst, unsigned count)
@@ -117,7 +116,7 @@ bool NativeInt16ToFloat32_X86(const void* src, float* dst, unsigned count)
     const auto* from = static_cast<const byte_t*>(src);
     auto* to = reinterpret_cast<byte_t*>(dst);
     if (count >= 8 && beyondBoundary(dst, 4) == 0)
-        return s_blocks.readInt16(from, to, count);
+        return s_blocks.readInt16(from, to, count, 0);
     return readScalar<int16_t>(from, to, count, 0x1p-15);
 }
 
@@ -126,7 +125,7 @@ bool NativeInt32ToFloat32_X86(const void* src, float* dst, unsigned count)
     const auto* from = static_cast<const byte_t*>(src);
     auto* to = reinterpret_cast<byte_t*>(dst);
     if (count >= 4 && beyondBoundary(dst, 4) == 0)
-        return s_blocks.readInt32(from, to, count);
+        return s_blocks.readInt32(from, to, count, 0);
     return readScalar<int32_t>(from, to, count, 0x1p-31);
 }
 
@@ -163,7 +162,7 @@ bool Float32ToNativeInt16_X86(const float* src, void* dst, unsigned count)
     if (count >= 8 && beyondBoundary(dst, 2) == 0)
     {
         const CRoundDown roundDown;
-        return s_blocks.writeInt16(from, to, count);
+        return s_blocks.writeInt16(from, to, count, 0);
     }
     for (std::size_t i = 0; i < count; ++i)
         writeAs(to + 2 * i, int16From(readAs<float>(from + 4 * i)));
@@ -177,7 +176,7 @@ bool Float32ToNativeInt32_X86(const float* src, void* dst, unsigned count)
     if (count >= 4 && beyondBoundary(dst, 4) == 0)
     {
         const CRoundDown roundDown;
-        return s_blocks.writeInt32(from, to, count);
+        return s_blocks.writeInt32(from, to, count, 0);
     }
     for (std::size_t i = 0; i < count; ++i)
         writeAs(to + 4 * i, int32From(readAs<float>(from + 4 * i)));

@@ -1,244 +1,106 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
+#include <span>
 
 #include <immintrin.h>
 
 // From here on, and not for the whole file: inline functions of the standard headers are shared with files
 // for lesser processors.
-#pragma GCC target("avx2")
+#pragma GCC target("avx2,fma")
 
-#include "dsp/sample_conversion_blocks.h"
+#include "dsp/sample_conversion-inl.h"
 
 namespace korvodsp {
 
 namespace {
 
-using byte_t = unsigned char;
-
-/// Below this the blocks are too long; the SSE2 variant gives the same bits.
-constexpr std::size_t kLeastCount = 16;
-
-inline __m128i load(const byte_t* src)
+struct SAvx2Vectors
 {
-    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(src));
-}
+    using floats_t = __m256;
+    using ints_t = __m256i;
+    static constexpr std::size_t kLanes = 8;
+    static constexpr std::size_t kInt24Vectors = 4; // 96 bytes, three whole stores
+    static constexpr const SBlockConversions* kLesser = &kSse2Conversions;
 
-inline __m256i loadWide(const byte_t* src)
-{
-    return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src));
-}
+    static floats_t set1(float x) { return _mm256_set1_ps(x); }
+    static ints_t set1(int x) { return _mm256_set1_epi32(x); }
+    static floats_t asFloats(ints_t v) { return _mm256_castsi256_ps(v); }
+    static ints_t asInts(floats_t v) { return _mm256_castps_si256(v); }
 
-inline void store(byte_t* dst, __m128i value)
-{
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), value);
-}
-
-inline void storeWide(byte_t* dst, __m256i value)
-{
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst), value);
-}
-
-/// Eight integers, left-justified in their lanes, to float.
-inline void storeAsFloat(byte_t* dst, __m256i samples)
-{
-    storeWide(dst, _mm256_castps_si256(_mm256_mul_ps(_mm256_cvtepi32_ps(samples), _mm256_set1_ps(0x1p-31F))));
-}
-
-struct SInt16Reader
-{
-    static constexpr std::size_t kAlignment = 32, kBlock = 8, kRoom = 8, kSrcSize = 2, kDstSize = 4;
-    static constexpr bool kAlignsDst = true;
-    __m256i seen = _mm256_setzero_si256();
-
-    void whole(const byte_t* src, byte_t* dst)
+    static ints_t load(const byte_t* src)
     {
-        const __m256i samples = _mm256_slli_epi32(_mm256_cvtepu16_epi32(load(src)), 16);
-        seen = _mm256_or_si256(seen, samples);
-        storeAsFloat(dst, samples);
+        return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src));
     }
-    void lastBlock(const byte_t* src, byte_t* dst) { whole(src, dst); }
-};
-
-struct SInt32Reader
-{
-    static constexpr std::size_t kAlignment = 32, kBlock = 8, kRoom = 8, kSrcSize = 4, kDstSize = 4;
-    static constexpr bool kAlignsDst = true;
-    __m256i seen = _mm256_setzero_si256();
-
-    void whole(const byte_t* src, byte_t* dst)
+    static void store(byte_t* dst, ints_t v) { _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst), v); }
+    static __m128i loadHalf(const byte_t* src)
     {
-        const __m256i samples = loadWide(src);
-        seen = _mm256_or_si256(seen, samples);
-        storeAsFloat(dst, samples);
-    }
-    void lastBlock(const byte_t* src, byte_t* dst) { whole(src, dst); }
-};
-
-struct SInt24Reader
-{
-    static constexpr std::size_t kAlignment = 32, kBlock = 8, kRoom = 8, kSrcSize = 3, kDstSize = 4;
-    static constexpr bool kAlignsDst = true;
-    __m256i mask;
-    __m256i seen = _mm256_setzero_si256();
-
-    explicit SInt24Reader(uint32_t maskIn) : mask(_mm256_set1_epi32(static_cast<int>(maskIn & 0xFFFFFF00U)))
-    {
+        return _mm_loadu_si128(reinterpret_cast<const __m128i*>(src));
     }
 
-    void whole(const byte_t* src, byte_t* dst)
+    static ints_t loadInt16(const byte_t* src)
+    {
+        return _mm256_slli_epi32(_mm256_cvtepu16_epi32(loadHalf(src)), 16);
+    }
+
+    static ints_t loadInt24(const byte_t* src)
     {
         // The upper load starts at byte 8 and not at the upper samples' byte 12, to end with the block.
-        const __m256i packed = _mm256_inserti128_si256(_mm256_castsi128_si256(load(src)), load(src + 8), 1);
+        const __m256i packed = _mm256_set_m128i(loadHalf(src + 8), loadHalf(src));
         const __m256i toTop = _mm256_setr_epi8(-1, 0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, //
                                                -1, 4, 5, 6, -1, 7, 8, 9, -1, 10, 11, 12, -1, 13, 14, 15);
-        const __m256i samples = _mm256_and_si256(_mm256_shuffle_epi8(packed, toTop), mask);
-        seen = _mm256_or_si256(seen, samples);
-        storeAsFloat(dst, samples);
+        return _mm256_shuffle_epi8(packed, toTop);
     }
-    void lastBlock(const byte_t* src, byte_t* dst) { whole(src, dst); }
-};
 
-/// v = x * scale + 0.5, clamped and rounded down, eight at a time. Minimum and maximum give their second
-/// operand where a comparison with NaN fails: NaN arrives unchanged at the conversion, which answers with the
-/// most negative integer, and, like every sample that clamping has not changed, it leaves no bit in
-/// `clipped`.
-struct SRounder
-{
-    __m256 scale, low, high;
-    __m256i clipped = _mm256_setzero_si256();
-
-    SRounder(float scaleIn, float lowIn, float highIn)
-        : scale(_mm256_set1_ps(scaleIn)), low(_mm256_set1_ps(lowIn)), high(_mm256_set1_ps(highIn))
+    static floats_t toFloat(ints_t v) { return _mm256_cvtepi32_ps(v); }
+    static floats_t scaled(floats_t x, floats_t scale)
     {
+        return _mm256_fmadd_ps(x, scale, _mm256_set1_ps(0.5F));
     }
-
-    __m256i operator()(const byte_t* src)
+    // Minimum and maximum give their second operand where a comparison with NaN fails.
+    static floats_t clamp(floats_t v, floats_t low, floats_t high)
     {
-        const __m256 x = pinned(_mm256_castsi256_ps(loadWide(src)));
-        const __m256 v = _mm256_add_ps(_mm256_mul_ps(x, scale), _mm256_set1_ps(0.5F));
-        const __m256 clamped = _mm256_max_ps(low, _mm256_min_ps(high, v));
-        clipped = _mm256_or_si256(clipped, _mm256_castps_si256(_mm256_xor_ps(v, clamped)));
-        return pinned(_mm256_cvtps_epi32(clamped));
+        return _mm256_max_ps(low, _mm256_min_ps(high, v));
     }
-};
-
-SRounder toInt32()
-{
-    return {0x1p31F, -2147483648.0F, 2147483520.0F};
-}
-
-struct SInt16Writer
-{
-    static constexpr std::size_t kAlignment = 32, kBlock = 16, kRoom = 16, kSrcSize = 4, kDstSize = 2;
-    static constexpr bool kAlignsDst = true;
-    SRounder round = {0x1p15F, -32768.0F, 32767.0F};
-
-    void whole(const byte_t* src, byte_t* dst)
+    static ints_t orChanged(ints_t a, ints_t v, ints_t w)
     {
-        const __m256i lanesInterleaved = _mm256_packs_epi32(round(src), round(src + 32));
-        storeWide(dst, _mm256_permute4x64_epi64(lanesInterleaved, 0xD8));
+        return _mm256_or_si256(a, _mm256_xor_si256(v, w));
     }
-    void lastBlock(const byte_t* src, byte_t* dst) { whole(src, dst); }
-};
+    static ints_t toInt(floats_t v) { return _mm256_cvtps_epi32(v); }
 
-struct SInt32Writer
-{
-    static constexpr std::size_t kAlignment = 32, kBlock = 8, kRoom = 8, kSrcSize = 4, kDstSize = 4;
-    static constexpr bool kAlignsDst = false;
-    SRounder round = toInt32();
-
-    void whole(const byte_t* src, byte_t* dst) { storeWide(dst, round(src)); }
-    void lastBlock(const byte_t* src, byte_t* dst) { whole(src, dst); }
-};
-
-struct SInt24Writer
-{
-    static constexpr std::size_t kAlignment = 32, kBlock = 8, kRoom = 10, kSrcSize = 4, kDstSize = 3;
-    static constexpr bool kAlignsDst = false;
-    __m256i mask;
-    SRounder round = toInt32();
-
-    explicit SInt24Writer(uint32_t maskIn) : mask(_mm256_set1_epi32(static_cast<int>(maskIn << 8))) {}
-
-    // The four bytes behind the block are zeroed; they belong to samples that a later block writes.
-    void whole(const byte_t* src, byte_t* dst)
+    static void storeInt16(byte_t* dst, ints_t v, ints_t w)
     {
-        const __m256i halves = packed(src);
-        store(dst, _mm256_castsi256_si128(halves));
-        store(dst + 12, _mm256_extracti128_si256(halves, 1));
-    }
-    void lastBlock(const byte_t* src, byte_t* dst)
-    {
-        byte_t block[28];
-        whole(src, block);
-        std::memcpy(dst, block, 24);
+        const __m256i halvesInterleaved = _mm256_packs_epi32(v, w);
+        store(dst, _mm256_permute4x64_epi64(halvesInterleaved, 0xD8));
     }
 
-private:
-    __m256i packed(const byte_t* src)
+    static void storeInt24(byte_t* dst, const ints_t (&v)[kInt24Vectors])
+    {
+        // Each vector's six words of samples, rotated to where they go: what is cut off by the end of one
+        // store is at the start of the next.
+        const __m256i a = packed(v[0], _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 3, 7));
+        const __m256i b = packed(v[1], _mm256_setr_epi32(2, 4, 5, 6, 3, 7, 0, 1));
+        const __m256i c = packed(v[2], _mm256_setr_epi32(5, 6, 3, 7, 0, 1, 2, 4));
+        const __m256i d = packed(v[3], _mm256_setr_epi32(3, 7, 0, 1, 2, 4, 5, 6));
+        store(dst, _mm256_blend_epi32(a, b, 0b11000000));
+        store(dst + 32, _mm256_blend_epi32(b, c, 0b11110000));
+        store(dst + 64, _mm256_blend_epi32(c, d, 0b11111100));
+    }
+
+    /// The upper three bytes of all lanes, of each half to its words 0 to 2, and then the words in `order`.
+    static __m256i packed(__m256i v, __m256i order)
     {
         const __m256i upperBytes =
             _mm256_setr_epi8(1, 2, 3, 5, 6, 7, 9, 10, 11, 13, 14, 15, -1, -1, -1, -1, //
                              1, 2, 3, 5, 6, 7, 9, 10, 11, 13, 14, 15, -1, -1, -1, -1);
-        return _mm256_shuffle_epi8(_mm256_and_si256(round(src), mask), upperBytes);
+        return _mm256_permutevar8x32_epi32(_mm256_shuffle_epi8(v, upperBytes), order);
     }
+
+    static bool anyBit(ints_t v) { return _mm256_testz_si256(v, v) == 0; }
 };
-
-template<typename TReader>
-bool read(TReader reader, const byte_t* src, byte_t* dst, std::size_t count)
-{
-    convertBlocks(reader, src, dst, count);
-    return _mm256_testz_si256(reader.seen, reader.seen) != 0;
-}
-
-template<typename TWriter>
-bool write(TWriter writer, const byte_t* src, byte_t* dst, std::size_t count)
-{
-    convertBlocks(writer, src, dst, count);
-    return _mm256_testz_si256(writer.round.clipped, writer.round.clipped) == 0;
-}
-
-bool readInt16(const byte_t* src, byte_t* dst, std::size_t count)
-{
-    return count < kLeastCount ? kSse2Conversions.readInt16(src, dst, count)
-                               : read(SInt16Reader{}, src, dst, count);
-}
-
-bool readInt24(const byte_t* src, byte_t* dst, std::size_t count, uint32_t mask)
-{
-    return count < kLeastCount ? kSse2Conversions.readInt24(src, dst, count, mask)
-                               : read(SInt24Reader(mask), src, dst, count);
-}
-
-bool readInt32(const byte_t* src, byte_t* dst, std::size_t count)
-{
-    return count < kLeastCount ? kSse2Conversions.readInt32(src, dst, count)
-                               : read(SInt32Reader{}, src, dst, count);
-}
-
-bool writeInt16(const byte_t* src, byte_t* dst, std::size_t count)
-{
-    return count < kLeastCount ? kSse2Conversions.writeInt16(src, dst, count)
-                               : write(SInt16Writer{}, src, dst, count);
-}
-
-bool writeInt24(const byte_t* src, byte_t* dst, std::size_t count, uint32_t mask)
-{
-    return count < kLeastCount ? kSse2Conversions.writeInt24(src, dst, count, mask)
-                               : write(SInt24Writer(mask), src, dst, count);
-}
-
-bool writeInt32(const byte_t* src, byte_t* dst, std::size_t count)
-{
-    return count < kLeastCount ? kSse2Conversions.writeInt32(src, dst, count)
-                               : write(SInt32Writer{}, src, dst, count);
-}
 
 } // namespace
 
-const SBlockConversions kAvx2Conversions = {"avx2",     readInt16,  readInt24, readInt32,
-                                            writeInt16, writeInt24, writeInt32};
+constinit const SBlockConversions kAvx2Conversions = conversionsBy<SAvx2Vectors>("avx2");
 
 } // namespace korvodsp

@@ -11,6 +11,8 @@
 #include <string>
 #include <utility>
 
+#include <sys/mman.h>
+#include <unistd.h>
 #include <xmmintrin.h>
 
 #include "dsp/sample_conversion_blocks.h"
@@ -104,33 +106,34 @@ int64_t modelScalarWrite(const SFormat& format, float x)
     return word >> (32 - 8 * format.size);
 }
 
-// The public functions take the best vector path that the machine has. The one for every machine is tested
-// beside them, by name.
+// The public functions take the best vector path that the machine has. Every one that it has is tested beside
+// them, by name; `variant` is null for the public functions.
 
-bool read(bool byName, const SFormat& format, const void* src, float* dst, unsigned count)
+bool read(const SBlockConversions* variant, const SFormat& format, const void* src, float* dst,
+          unsigned count)
 {
-    if (!byName || !readsByVector(format, dst, count))
+    if (variant == nullptr || !readsByVector(format, dst, count))
         return format.read(src, dst, count);
-    const SBlockConversions& sse2 = kSse2Conversions;
-    const auto* from = static_cast<const unsigned char*>(src);
-    auto* to = reinterpret_cast<unsigned char*>(dst);
-    if (format.size == 3)
-        return sse2.readInt24(from, to, count, format.bits == 20 ? 0xFFFFF000 : 0xFFFFFF00);
-    return (format.size == 2 ? sse2.readInt16 : sse2.readInt32)(from, to, count);
+    const auto byVariant = format.size == 2   ? variant->readInt16
+                           : format.size == 3 ? variant->readInt24
+                                              : variant->readInt32;
+    return byVariant(static_cast<const unsigned char*>(src), reinterpret_cast<unsigned char*>(dst), count,
+                     format.bits == 20 ? 0xFFFFF000 : 0xFFFFFF00);
 }
 
-bool write(bool byName, const SFormat& format, const float* src, void* dst, unsigned count)
+bool write(const SBlockConversions* variant, const SFormat& format, const float* src, void* dst,
+           unsigned count)
 {
-    if (!byName || !writesByVector(format, src, dst, count))
+    if (variant == nullptr || !writesByVector(format, src, dst, count))
         return format.write(src, dst, count);
-    const SBlockConversions& sse2 = kSse2Conversions;
-    const auto* from = reinterpret_cast<const unsigned char*>(src);
-    auto* to = static_cast<unsigned char*>(dst);
+    const auto byVariant = format.size == 2   ? variant->writeInt16
+                           : format.size == 3 ? variant->writeInt24
+                                              : variant->writeInt32;
     const unsigned control = _mm_getcsr();
     _mm_setcsr((control & ~kRounding) | kTowardNegative);
-    const bool clipped = format.size == 3
-                             ? sse2.writeInt24(from, to, count, format.bits == 20 ? 0x0FFFFF : 0xFFFFFF)
-                             : (format.size == 2 ? sse2.writeInt16 : sse2.writeInt32)(from, to, count);
+    const bool clipped =
+        byVariant(reinterpret_cast<const unsigned char*>(src), static_cast<unsigned char*>(dst), count,
+                  format.bits == 20 ? 0x0FFFFF : 0xFFFFFF);
     _mm_setcsr(control);
     return clipped;
 }
@@ -161,8 +164,8 @@ struct SSource
     bytes_t storage;
 };
 
-void expectModelRead(bool byName, const SFormat& format, unsigned count, SSource src, std::size_t dstOffset,
-                     std::mt19937& random)
+void expectModelRead(const SBlockConversions* variant, const SFormat& format, unsigned count, SSource src,
+                     std::size_t dstOffset, std::mt19937& random)
 {
     CGuardedBuffer<float> dst(count, dstOffset);
     const auto kind = random() % 3; // silence, one quiet sample, noise
@@ -171,7 +174,7 @@ void expectModelRead(bool byName, const SFormat& format, unsigned count, SSource
     for (std::size_t i = 0; kind == 2 && i < count * format.size; ++i)
         src.data()[i] = static_cast<unsigned char>(random());
 
-    const bool silent = read(byName, format, src.data(), dst.data(), count);
+    const bool silent = read(variant, format, src.data(), dst.data(), count);
     const bool masked = format.bits == 20 && readsByVector(format, dst.data(), count);
     int64_t seen = 0;
     std::vector<float> expected;
@@ -186,8 +189,8 @@ void expectModelRead(bool byName, const SFormat& format, unsigned count, SSource
     EXPECT_TRUE(dst.intact());
 }
 
-void expectModelWrite(bool byName, const SFormat& format, unsigned count, SSource src, std::size_t dstOffset,
-                      std::mt19937& random)
+void expectModelWrite(const SBlockConversions* variant, const SFormat& format, unsigned count, SSource src,
+                      std::size_t dstOffset, std::mt19937& random)
 {
     CGuardedBuffer<unsigned char> dst(count * format.size, dstOffset);
     const std::vector<float> floats =
@@ -201,7 +204,7 @@ void expectModelWrite(bool byName, const SFormat& format, unsigned count, SSourc
     const unsigned callers = _mm_getcsr();
     _mm_setcsr(before);
     const auto* const data = reinterpret_cast<const float*>(src.data());
-    const bool clipped = write(byName, format, data, dst.data(), count);
+    const bool clipped = write(variant, format, data, dst.data(), count);
     const unsigned after = _mm_getcsr();
     _mm_setcsr(callers);
     EXPECT_EQ(after & ~kFlags, before & ~kFlags);
@@ -224,19 +227,44 @@ TEST(SampleConversion, IsThePlainModelInEveryShape)
     std::mt19937 random = korvotest::makeRandom(351);
     const std::pair<std::size_t, std::size_t> misalignments[] = {{0, 0}, {4, 0}, {0, 4},   {12, 8}, {1, 0},
                                                                  {0, 1}, {2, 6}, {13, 14}, {20, 15}};
-    for (const bool byName : {false, true})
+    std::vector<const SBlockConversions*> variants = {nullptr};
+    variants.insert(variants.end(), availableConversions().begin(), availableConversions().end());
+    ASSERT_EQ(variants.back(), &kSse2Conversions);
+    for (const SBlockConversions* variant : variants)
         for (const SFormat& format : kFormats)
-            for (unsigned count = 0; count <= 41; ++count)
+            for (unsigned count = 0; count <= 141; ++count)
                 for (const auto& [src, dst] : misalignments)
                 {
-                    const unsigned n = count == 41 ? 4096 : count;
+                    const unsigned n = count == 141 ? 4096 : count;
                     SCOPED_TRACE(std::to_string(n) + " of " + std::to_string(format.bits) + " bits at " +
                                  std::to_string(src) + " to " + std::to_string(dst) +
-                                 (byName ? ", SSE2" : ""));
-                    expectModelRead(byName, format, n, {src, bytes_t(src + n * format.size)}, dst, random);
-                    expectModelWrite(byName, format, n, {src, bytes_t(src + n * sizeof(float))}, dst, random);
+                                 (variant != nullptr ? std::string(", ") + variant->name : ""));
+                    expectModelRead(variant, format, n, {src, bytes_t(src + n * format.size)}, dst, random);
+                    expectModelWrite(variant, format, n, {src, bytes_t(src + n * sizeof(float))}, dst,
+                                     random);
                     ASSERT_FALSE(HasFailure());
                 }
+}
+
+// A load under a mask is one that AddressSanitizer does not see.
+TEST(SampleConversion, ReadsNothingBehindItsSource)
+{
+    const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    void* const memory = mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(memory, MAP_FAILED);
+    unsigned char* const end = static_cast<unsigned char*>(memory) + page;
+    ASSERT_EQ(mprotect(end, page, PROT_NONE), 0);
+    bytes_t dst(141 * sizeof(float));
+    for (const SBlockConversions* variant : availableConversions())
+        for (const SFormat& format : kFormats)
+            for (unsigned count = 0; count <= 141; ++count)
+            {
+                auto* const floats = reinterpret_cast<float*>(dst.data());
+                EXPECT_TRUE(read(variant, format, end - count * format.size, floats, count));
+                const auto* const silence = reinterpret_cast<const float*>(end - count * sizeof(float));
+                EXPECT_FALSE(write(variant, format, silence, dst.data(), count));
+            }
+    munmap(memory, 2 * page);
 }
 
 TEST(SampleConversion, WritesKnownValues)
