@@ -128,6 +128,7 @@ bool convertBlocks(TConversion conversion, const byte_t* src, byte_t* dst, std::
         conversion.convertBlock(src, dst);
         done = (kAlignment - offset) / (C::kAlignsDst ? C::kDstSize : C::kSrcSize);
     }
+#pragma GCC unroll 2 // short as the loop is, the counting shows
     for (; count - done >= C::kBlock; done += C::kBlock)
         conversion.convertBlock(src + done * C::kSrcSize, dst + done * C::kDstSize);
     if (done < count)

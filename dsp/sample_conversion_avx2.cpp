@@ -20,7 +20,7 @@ struct SAvx2Vectors
     using floats_t = __m256;
     using ints_t = __m256i;
     static constexpr std::size_t kLanes = 8;
-    static constexpr std::size_t kInt24Vectors = 4; // 96 bytes, three whole stores
+    static constexpr std::size_t kInt24Vectors = 2; // longer blocks gain nothing
     static constexpr const SBlockConversions* kLesser = &kSse2Conversions;
 
     static floats_t set1(float x) { return _mm256_set1_ps(x); }
@@ -33,6 +33,7 @@ struct SAvx2Vectors
         return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src));
     }
     static void store(byte_t* dst, ints_t v) { _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst), v); }
+    static void storeHalf(byte_t* dst, __m128i v) { _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), v); }
     static __m128i loadHalf(const byte_t* src)
     {
         return _mm_loadu_si128(reinterpret_cast<const __m128i*>(src));
@@ -76,24 +77,18 @@ struct SAvx2Vectors
 
     static void storeInt24(byte_t* dst, const ints_t (&v)[kInt24Vectors])
     {
-        // Each vector's six words of samples, rotated to where they go: what is cut off by the end of one
-        // store is at the start of the next.
-        const __m256i a = packed(v[0], _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 3, 7));
-        const __m256i b = packed(v[1], _mm256_setr_epi32(2, 4, 5, 6, 3, 7, 0, 1));
-        const __m256i c = packed(v[2], _mm256_setr_epi32(5, 6, 3, 7, 0, 1, 2, 4));
-        const __m256i d = packed(v[3], _mm256_setr_epi32(3, 7, 0, 1, 2, 4, 5, 6));
-        store(dst, _mm256_blend_epi32(a, b, 0b11000000));
-        store(dst + 32, _mm256_blend_epi32(b, c, 0b11110000));
-        store(dst + 64, _mm256_blend_epi32(c, d, 0b11111100));
-    }
-
-    /// The upper three bytes of all lanes, of each half to its words 0 to 2, and then the words in `order`.
-    static __m256i packed(__m256i v, __m256i order)
-    {
         const __m256i upperBytes =
             _mm256_setr_epi8(1, 2, 3, 5, 6, 7, 9, 10, 11, 13, 14, 15, -1, -1, -1, -1, //
                              1, 2, 3, 5, 6, 7, 9, 10, 11, 13, 14, 15, -1, -1, -1, -1);
-        return _mm256_permutevar8x32_epi32(_mm256_shuffle_epi8(v, upperBytes), order);
+        const __m256i first = _mm256_shuffle_epi8(v[0], upperBytes);
+        const __m256i second = _mm256_shuffle_epi8(v[1], upperBytes);
+        // The four bytes behind each half's twelve are overwritten by the next store. The last starts four
+        // bytes early instead, to end with the block.
+        const __m256i last = _mm256_permutevar8x32_epi32(second, _mm256_setr_epi32(0, 1, 2, 4, 2, 4, 5, 6));
+        storeHalf(dst, _mm256_castsi256_si128(first));
+        storeHalf(dst + 12, _mm256_extracti128_si256(first, 1));
+        storeHalf(dst + 24, _mm256_castsi256_si128(last));
+        storeHalf(dst + 32, _mm256_extracti128_si256(last, 1));
     }
 
     static bool anyBit(ints_t v) { return _mm256_testz_si256(v, v) == 0; }

@@ -60,15 +60,15 @@ struct SSse2Vectors
 
     static void storeInt24(byte_t* dst, const ints_t (&v)[kInt24Vectors])
     {
-        // The upper three bytes of both 32-bit lanes to the low six bytes of their half, then the halves
-        // together.
+        // The upper three bytes of both 32-bit lanes to the low six bytes of their half, then eight bytes
+        // and four.
         const __m128i even = _mm_srli_epi64(_mm_slli_epi64(v[0], 32), 40);
         const __m128i odd = _mm_slli_epi64(_mm_srli_epi64(v[0], 40), 24);
-        const __m128i pairs = _mm_or_si128(even, odd);
-        const __m128i packed = _mm_or_si128(
-            _mm_move_epi64(pairs), _mm_srli_si128(_mm_unpackhi_epi64(_mm_setzero_si128(), pairs), 2));
-        _mm_storel_epi64(reinterpret_cast<__m128i*>(dst), packed);
-        const int last = _mm_cvtsi128_si32(_mm_srli_si128(packed, 8));
+        const __m128i lower = _mm_or_si128(even, odd);
+        const __m128i upper = _mm_srli_si128(lower, 8);
+        const __m128i first = _mm_or_si128(lower, _mm_slli_epi64(upper, 48));
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(dst), first);
+        const int last = _mm_cvtsi128_si32(_mm_srli_epi64(upper, 16));
         std::memcpy(dst + 8, &last, sizeof last);
     }
 
