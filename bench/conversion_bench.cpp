@@ -130,7 +130,7 @@ const bool s_registered = [] {
                                     writer<AudioData::Int24>("out24", 3, Float32ToNativeInt24_X86),
                                     writer<AudioData::Int32>("out32", 4, Float32ToNativeInt32_X86)})
     {
-        againstMemcpy(subject, "block", kBlock, 0.35, 0.6);
+        againstMemcpy(subject, "block", kBlock, 0.35, 0.7);
         againstMemcpy(subject, "stream", kStream, 0.7, 0.9);
         againstJuce(subject, 3.0, 5.0);
     }
