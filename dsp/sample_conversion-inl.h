@@ -7,6 +7,7 @@
 //   floats_t, ints_t      vectors of kLanes floats and of as many 32-bit integers
 //   kLesser               the variant that serves counts below a block, if there are any
 //   set1(x)               x, a float or an int, in every lane
+//   asFloats(v), asInts(v) the same bits
 //   load(p), store(p, v)  any alignment, as all that follow
 //   loadInt16(p)          kLanes samples to the tops of the lanes, the rest 0
 //   loadInt24(p)          kLanes samples to the tops of the lanes, the low byte anything
@@ -75,7 +76,7 @@ struct SWriter
     static constexpr std::size_t kBlock = kVectors * V::kLanes, kSrcSize = 4, kDstSize = kSize;
     static constexpr bool kAlignsDst = kSize == 2;
     static constexpr float kLowest = kSize == 2 ? -0x1p15F : -0x1p31F;
-    static constexpr float kHighest = kSize == 2 ? 32767.0F : 2147483520.0F; // floats have none in between
+    static constexpr float kHighest = kSize == 2 ? 32767.0F : 2147483520.0F; // the last float below 2^31
 
     typename V::ints_t mask, clipped = V::set1(0);
 
