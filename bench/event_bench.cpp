@@ -2,8 +2,10 @@
 // The event bus beside what else carries messages: between threads LocalStorage and
 // boost::lockfree::spsc_queue, both polled; between processes the whole way from IpcStorage to a handler, and
 // boost::interprocess::message_queue and a Unix socket, all of them sleeping while there is nothing to do.
-// Every message is written once from a record and read to its last word.
+// Every message is written once from a record, in process by the same code for both, and read to its last
+// word. The two ends have a processor each.
 #include <benchmark/benchmark.h>
+#include <sched.h>
 #include <semaphore.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -22,6 +24,7 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <new>
 #include <numeric>
 #include <string>
 #include <thread>
@@ -57,6 +60,15 @@ class CRecord : public CEventIdBase<CRecord<bytes>>
 {
 public:
     explicit CRecord(std::uint32_t order = kTake) { words.fill(order); }
+    /// The same copy into a slot of the ring and into a queue, or the compiler may find a slow one for
+    /// either.
+    CRecord(const CRecord& other) : CEventIdBase<CRecord<bytes>>(other)
+    {
+        std::size_t size = sizeof(words);
+        if constexpr (bytes > 64)
+            benchmark::DoNotOptimize(size); // the library's memcpy
+        std::memcpy(words.data(), other.words.data(), size);
+    }
     std::array<std::uint32_t, bytes / 4 - 1> words;
 };
 
@@ -110,8 +122,7 @@ public:
         void* slot = m_ring.allocMsgMem(bytes);
         for (; slot == nullptr; slot = m_ring.allocMsgMem(bytes))
             relax();
-        std::memcpy(slot, static_cast<const void*>(&record), bytes);
-        m_ring.post(slot);
+        m_ring.post(new (slot) CRecord<bytes>(record));
     }
     std::uint32_t receive()
     {
@@ -170,8 +181,7 @@ public:
         void* slot = m_client.allocMsgMem(bytes);
         for (; slot == nullptr; slot = m_client.allocMsgMem(bytes))
             std::this_thread::yield();
-        std::memcpy(slot, static_cast<const void*>(&record), bytes);
-        m_client.post(slot);
+        m_client.post(new (slot) CRecord<bytes>(record));
         m_poster.post();
     }
     std::uint32_t receive()
@@ -254,6 +264,31 @@ private:
     int m_ends[2] = {};
 };
 
+/// Keeps the calling thread on one of the processors that it may use, the first or the last, until the end.
+/// Left to the scheduler, some links have both ends on one processor and others have not: a wake-up takes ten
+/// times longer across.
+class CPlace
+{
+public:
+    explicit CPlace(bool last)
+    {
+        sched_getaffinity(0, sizeof(m_before), &m_before);
+        std::size_t chosen = CPU_SETSIZE;
+        for (std::size_t i = 0; i < CPU_SETSIZE && (chosen == CPU_SETSIZE || last); ++i)
+            chosen = CPU_ISSET(i, &m_before) ? i : chosen;
+        cpu_set_t one;
+        CPU_ZERO(&one);
+        CPU_SET(chosen, &one);
+        sched_setaffinity(0, sizeof(one), &one);
+    }
+    ~CPlace() { sched_setaffinity(0, sizeof(m_before), &m_before); }
+    CPlace(const CPlace&) = delete;
+    CPlace& operator=(const CPlace&) = delete;
+
+private:
+    cpu_set_t m_before;
+};
+
 /// A link there and one back, and who answers at the far end.
 template<template<unsigned int> class Link, unsigned int bytes>
 class CPair
@@ -273,6 +308,7 @@ public:
                 serve();
                 _exit(0);
             }
+            const CPlace place(false);
             work();
             m_there->send(CRecord<bytes>(kStop));
             waitpid(peer, nullptr, 0);
@@ -280,6 +316,7 @@ public:
         else
         {
             std::thread peer([this] { serve(); });
+            const CPlace place(false);
             work();
             m_there->send(CRecord<bytes>(kStop));
             peer.join();
@@ -327,6 +364,7 @@ private:
 
     void serve()
     {
+        const CPlace place(true);
         const CRecord<bytes> answer;
         for (std::uint32_t order = kTake; order != kStop; order = m_there->receive())
         {
@@ -365,6 +403,23 @@ struct SFigures
 
 constexpr int kRounds = 11;
 
+/// The links of one round. How long a cache line takes from one core to the other depends on its address, so
+/// each round has links at other addresses: those of threads stay until the last one.
+template<template<unsigned int> class Link, unsigned int bytes>
+class CPairs
+{
+public:
+    CPair<Link, bytes>& next()
+    {
+        if constexpr (Link<bytes>::kProcesses)
+            m_pairs.clear();
+        return *m_pairs.emplace_back(std::make_unique<CPair<Link, bytes>>());
+    }
+
+private:
+    std::vector<std::unique_ptr<CPair<Link, bytes>>> m_pairs;
+};
+
 template<template<unsigned int> class Bus, template<unsigned int> class Yardstick, unsigned int bytes>
 class CComparison
 {
@@ -372,11 +427,13 @@ public:
     static double throughput(const std::string& row)
     {
         constexpr int kCount = (Bus<bytes>::kProcesses ? 20000 : 200000) / (bytes > 1000 ? 4 : 1);
-        CPair<Bus, bytes> bus;
-        CPair<Yardstick, bytes> yardstick;
+        CPairs<Bus, bytes> buses;
+        CPairs<Yardstick, bytes> yardsticks;
         SFigures figures;
         for (int round = 0; round < kRounds; ++round)
         {
+            CPair<Bus, bytes>& bus = buses.next();
+            CPair<Yardstick, bytes>& yardstick = yardsticks.next();
             double rates[2] = {};
             bus.withPeer([&] { rates[0] = bus.messagesPerSecond(kCount); });
             yardstick.withPeer([&] { rates[1] = yardstick.messagesPerSecond(kCount); });
@@ -397,11 +454,13 @@ private:
     {
         static const std::pair<SFigures, SFigures> s_figures = [] {
             constexpr int kCount = Bus<bytes>::kProcesses ? 1500 : 20000;
-            CPair<Bus, bytes> bus;
-            CPair<Yardstick, bytes> yardstick;
+            CPairs<Bus, bytes> buses;
+            CPairs<Yardstick, bytes> yardsticks;
             std::pair<SFigures, SFigures> figures;
             for (int round = 0; round < kRounds; ++round)
             {
+                CPair<Bus, bytes>& bus = buses.next();
+                CPair<Yardstick, bytes>& yardstick = yardsticks.next();
                 std::vector<double> times[2];
                 bus.withPeer([&] { times[0] = bus.roundTrips(kCount); });
                 yardstick.withPeer([&] { times[1] = yardstick.roundTrips(kCount); });
