@@ -84,28 +84,37 @@ unsigned int IpcStorage::usedBytes() const
            ring::others(*tail); // acquire: either side may ask, and goes on to use what it finds
 }
 
+// No copies are kept between the calls: both counters share a cache line, and a server that restarts sets
+// them back.
+
 void* IpcStorage::allocMsgMem(unsigned int payloadBytes)
 {
-    // No copy is kept: both counters share a cache line, and a server that restarts sets them back.
-    std::uint32_t tailSeen = ring::others(*tail);
-    return ring::allocMsgMem({*head, *tail, data, size, mask}, tailSeen, payloadBytes);
+    std::uint32_t own = ring::own(*head);
+    std::uint32_t seen = ring::others(*tail);
+    return ring::allocMsgMem({*head, *tail, data, size, mask}, {own, seen}, payloadBytes);
 }
 
 void IpcStorage::post(void* message)
 {
-    if (message != nullptr)
-        ring::post({*head, *tail, data, size, mask}, ring::strideOf(message));
+    if (message == nullptr)
+        return;
+    std::uint32_t own = ring::own(*head);
+    std::uint32_t notRead = 0;
+    ring::post({*head, *tail, data, size, mask}, {own, notRead}, ring::strideOf(message));
 }
 
 void* IpcStorage::nextMessage() const
 {
-    std::uint32_t headSeen = ring::others(*head);
-    return ring::nextMessage({*head, *tail, data, size, mask}, headSeen);
+    std::uint32_t own = ring::own(*tail);
+    std::uint32_t seen = ring::others(*head);
+    return ring::nextMessage({*head, *tail, data, size, mask}, {own, seen});
 }
 
 void IpcStorage::advanceToNext()
 {
-    ring::advanceToNext({*head, *tail, data, size, mask});
+    std::uint32_t own = ring::own(*tail);
+    std::uint32_t notRead = 0;
+    ring::advanceToNext({*head, *tail, data, size, mask}, {own, notRead});
 }
 
 } // namespace event::transport

@@ -35,7 +35,7 @@ unsigned int LocalStorage::usedBytes() const
 
 void* LocalStorage::allocMsgMem(unsigned int payloadBytes)
 {
-    void* message = ring::allocMsgMem({head, tail, data, size, mask}, tailSeen, payloadBytes);
+    void* message = ring::allocMsgMem({head, tail, data, size, mask}, {writerHead, tailSeen}, payloadBytes);
     if (message != nullptr)
         given = ring::strideFor(payloadBytes);
     return message;
@@ -44,24 +44,24 @@ void* LocalStorage::allocMsgMem(unsigned int payloadBytes)
 void LocalStorage::post(void* message)
 {
     if (message != nullptr)
-        ring::post({head, tail, data, size, mask}, given);
+        ring::post({head, tail, data, size, mask}, {writerHead, tailSeen}, given);
 }
 
-void* LocalStorage::nextMessage() const
+void* LocalStorage::oldest() const
 {
-    return ring::nextMessage({head, tail, data, size, mask}, headSeen);
+    return ring::nextMessage({head, tail, data, size, mask}, {readerTail, headSeen});
 }
 
 void LocalStorage::advanceToNext()
 {
-    ring::advanceToNext({head, tail, data, size, mask});
+    ring::advanceToNext({head, tail, data, size, mask}, {readerTail, headSeen});
 }
 
 void LocalStorage::purge()
 {
     ring::publish(head, 0); // as elsewhere, though nobody is there to pair with
     ring::publish(tail, 0);
-    headSeen = tailSeen = 0;
+    writerHead = tailSeen = readerTail = headSeen = 0;
 }
 
 } // namespace event::transport
