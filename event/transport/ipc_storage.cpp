@@ -29,9 +29,15 @@ IpcStorage::IpcStorage(unsigned int bytes, const char* ringName, bool client)
     : name{}, owner(!client), size(bytes), mask(bytes - 1), handle(VirtMem::INVALID_NATIVE_HANDLE),
       base(nullptr), data(nullptr), head(nullptr), tail(nullptr)
 {
-    void* memory = VirtMem::alloc(size + kRingHeaderBytes, ringName,
-                                  client ? VirtMem::kOpenExisting : VirtMem::kOpenCreate,
-                                  VirtMem::kProtReadWrite, true, handle);
+    const auto alloc = [&](VirtMem::OpenFlags open) {
+        return VirtMem::alloc(size + kRingHeaderBytes, ringName, open, VirtMem::kProtReadWrite, true, handle);
+    };
+    // A ring that is new is empty as it is. To reset it would lose what a client has put there since it could
+    // attach, which is from the moment that the object has its size.
+    void* memory = alloc(client ? VirtMem::kOpenExisting : VirtMem::kOpenCreateExclusive);
+    const bool takenOver = memory == nullptr && owner;
+    if (takenOver)
+        memory = alloc(VirtMem::kOpenCreate);
     if (ringName != nullptr)
         std::snprintf(name, sizeof(name), "/%s", ringName);
     if (memory == nullptr)
@@ -41,8 +47,9 @@ IpcStorage::IpcStorage(unsigned int bytes, const char* ringName, bool client)
     head = reinterpret_cast<std::uint32_t*>(base + offsetof(SRingHeader, head));
     tail = reinterpret_cast<std::uint32_t*>(base + offsetof(SRingHeader, tail));
     if (handle != VirtMem::INVALID_NATIVE_HANDLE && owner)
-    {
         VirtMem::lock(base, size + kRingHeaderBytes); // a ring that could not be pinned still works
+    if (takenOver && handle != VirtMem::INVALID_NATIVE_HANDLE)
+    {
         // Clients of an earlier server may be attached: each of these pairs with others() on their side.
         ring::publish(*tail, 0);
         ring::publish(*head, 0);

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cstdint>
 #include <cstring>
@@ -206,6 +207,28 @@ TEST(LocalStorageThreads, MillionsOfMessagesArriveUnchanged)
 TEST(IpcStorageThreads, TwoMappingsOfOneRingAgree)
 {
     passBetweenThreads<CIpcEnds>(kManyMessages / 4);
+}
+
+TEST(IpcStorageThreads, AnEarlyClientLosesNothing)
+{
+    constexpr unsigned int kBytes = 65536; // some time goes by while so much is pinned
+    const CSharedNames names;
+    for (int round = 0; round < 30; ++round)
+    {
+        const std::string name = names.name(std::to_string(round));
+        std::atomic<bool> looking = false;
+        std::thread early([&] {
+            auto client = std::make_unique<IpcStorage>(kBytes, name.c_str(), true);
+            for (looking = true; !client->good();)
+                client = std::make_unique<IpcStorage>(kBytes, name.c_str(), true);
+            client->post(client->allocMsgMem(4));
+        });
+        while (!looking)
+            std::this_thread::yield();
+        const IpcStorage server(kBytes, name.c_str(), false);
+        early.join();
+        ASSERT_NE(server.nextMessage(), nullptr) << round;
+    }
 }
 
 TEST(LocalStorage, PurgeForgetsMessages)
