@@ -17,6 +17,27 @@ inline bool looksSilent(const float* src, std::uint32_t frames)
     return frames != 0 && isZeroOrDenormal(src[0]) && keepsDenormals();
 }
 
+/// The same products as for any block.
+void gainSilence(const float* src, std::size_t srcStride, float* dst, std::size_t dstStride,
+                 std::size_t frames, float gain) noexcept
+{
+    std::size_t k = 0;
+    for (; keepsUnits(gain) && k + 4 <= frames; k += 4)
+    {
+        const float* const four = src + k * srcStride;
+        const __m128 samples =
+            _mm_setr_ps(four[0], four[srcStride], four[2 * srcStride], four[3 * srcStride]);
+        if (!areZeroOrDenormal(samples))
+            break;
+        float products[4];
+        _mm_storeu_ps(products, timesDenormals(gain, samples));
+        for (std::size_t i = 0; i < 4; ++i)
+            dst[(k + i) * dstStride] = products[i];
+    }
+    for (; k < frames; ++k)
+        dst[k * dstStride] = timesMaybeDenormal(gain, src[k * srcStride]);
+}
+
 /// The work of both public loops; `src` and `dst` have strides of their own. Returns the ramp after the last
 /// frame.
 inline SGainRamp rampSamples(const float* src, std::size_t srcStride, float* dst, std::size_t dstStride,
@@ -27,8 +48,7 @@ inline SGainRamp rampSamples(const float* src, std::size_t srcStride, float* dst
     {
         if (looksSilent(src, frames))
         {
-            for (std::size_t k = 0; k < frames; ++k)
-                dst[k * dstStride] = timesMaybeDenormal(ramp.gain, src[k * srcStride]);
+            gainSilence(src, srcStride, dst, dstStride, frames, ramp.gain);
             return ramp;
         }
         for (std::size_t k = 0; k < frames; ++k)
@@ -65,14 +85,26 @@ std::uint32_t delayInSamples(float delayMs, float samplesPerMs, std::uint32_t ma
     return std::min(static_cast<std::uint32_t>(samples), maxDelaySamples);
 }
 
-void rampColumn(const float* src, float* dst, std::uint32_t frames, std::size_t stride,
-                SGainRamp ramp) noexcept
+void copyColumn(const float* src, std::size_t srcStride, float* dst, std::size_t dstStride,
+                std::size_t frames) noexcept
 {
-    rampSamples(src, stride, dst, stride, frames, ramp);
+    if (srcStride == 1 && dstStride == 1)
+    {
+        std::copy_n(src, frames, dst);
+        return;
+    }
+    for (std::size_t k = 0; k < frames; ++k)
+        dst[k * dstStride] = src[k * srcStride];
 }
 
-std::uint32_t delayColumn(SDelayRing ring, std::uint32_t delay, const float* src, float* dst,
-                          std::uint32_t frames, std::size_t stride, SGainRamp ramp) noexcept
+void rampColumn(const float* src, std::size_t srcStride, float* dst, std::size_t dstStride,
+                std::uint32_t frames, SGainRamp ramp) noexcept
+{
+    rampSamples(src, srcStride, dst, dstStride, frames, ramp);
+}
+
+std::uint32_t delayColumn(SDelayRing ring, std::uint32_t delay, const float* src, std::size_t srcStride,
+                          float* dst, std::size_t dstStride, std::uint32_t frames, SGainRamp ramp) noexcept
 {
     const std::uint32_t size = ring.mask + 1;
     while (frames > 0)
@@ -83,11 +115,10 @@ std::uint32_t delayColumn(SDelayRing ring, std::uint32_t delay, const float* src
         const std::uint32_t write = ring.writeIndex & ring.mask;
         const std::uint32_t read = (ring.writeIndex - delay) & ring.mask;
         const std::uint32_t run = std::min({frames, size - write, size - read, size - delay});
-        for (std::size_t k = 0; k < run; ++k)
-            ring.samples[write + k] = src[k * stride];
-        ramp = rampSamples(ring.samples + read, 1, dst, stride, run, ramp);
-        src += run * stride;
-        dst += run * stride;
+        copyColumn(src, srcStride, ring.samples + write, 1, run);
+        ramp = rampSamples(ring.samples + read, 1, dst, dstStride, run, ramp);
+        src += run * srcStride;
+        dst += run * dstStride;
         ring.writeIndex += run;
         frames -= run;
     }

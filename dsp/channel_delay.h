@@ -22,9 +22,14 @@ struct SGainRamp
     float step;
 };
 
-/// dst(k) = g(k) * src(k), over samples that lie `stride` apart. `dst` may be `src`, and nothing between.
-void rampColumn(const float* src, float* dst, std::uint32_t frames, std::size_t stride,
-                SGainRamp ramp) noexcept;
+/// dst(k) = src(k), over samples that lie a stride apart.
+void copyColumn(const float* src, std::size_t srcStride, float* dst, std::size_t dstStride,
+                std::size_t frames) noexcept;
+
+/// dst(k) = g(k) * src(k), over samples that lie a stride apart. `dst` may be `src` with the same stride, and
+/// nothing between.
+void rampColumn(const float* src, std::size_t srcStride, float* dst, std::size_t dstStride,
+                std::uint32_t frames, SGainRamp ramp) noexcept;
 
 /// A ring of mask + 1 floats, a power of two, with a write position that runs free: it is masked on use.
 struct SDelayRing
@@ -34,11 +39,11 @@ struct SDelayRing
     std::uint32_t writeIndex;
 };
 
-/// dst(k) = g(k) * src(k - delay), over samples that lie `stride` apart; what came before `src` is in the
+/// dst(k) = g(k) * src(k - delay), over samples that lie a stride apart; what came before `src` is in the
 /// ring, and `src` goes into it. Each sample is stored before it is looked up, so a delay of 0 gives it back
-/// at once. `delay` is at most the ring's mask. `dst` may be `src`, and nothing between. Returns the next
-/// write index.
-std::uint32_t delayColumn(SDelayRing ring, std::uint32_t delay, const float* src, float* dst,
-                          std::uint32_t frames, std::size_t stride, SGainRamp ramp) noexcept;
+/// at once. `delay` is at most the ring's mask. `dst` may be `src` with the same stride, and nothing between.
+/// Returns the next write index.
+std::uint32_t delayColumn(SDelayRing ring, std::uint32_t delay, const float* src, std::size_t srcStride,
+                          float* dst, std::size_t dstStride, std::uint32_t frames, SGainRamp ramp) noexcept;
 
 } // namespace korvodsp

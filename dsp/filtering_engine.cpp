@@ -284,7 +284,7 @@ bool CFilteringEngine::process(bool bypass, const float* in, float* out, unsigne
 
     const float gain = overallGain.load(std::memory_order_relaxed);
     if (gain != 1.0F) // in every state, and as a step
-        rampColumn(out + channel, out + channel, frames, channelCount, {gain, 0.0F});
+        rampColumn(out + channel, channelCount, out + channel, channelCount, frames, {gain, 0.0F});
     return true;
 }
 
@@ -310,13 +310,13 @@ void CFilteringEngine::runFilter(SDspFilter& dsp, void* filter, bool wanted, con
     if (!wanted && !dsp.active)
         return; // the delay line stands still as well
 
-    const bool fading = wanted != dsp.active;
-    float* const wet = fading ? processBuffer : out;
+    if (wanted == dsp.active)
+        return runSteadily(dsp, filter, block);
+
+    float* const wet = processBuffer;
     FIIR_Process(filter, in, wet, frames, channel, stride);
     if (delayAndGainEnabled.load(std::memory_order_relaxed))
-        processDelayAndGain(wet, wet, frames, channel, stride);
-    if (!fading)
-        return;
+        delayAndGain(dsp, wet + channel, stride, wet + channel, stride, frames);
 
     // Dry is the input as it came: a channel with a delay or a gain steps into them during the fade.
     const float* const from = wanted ? in : wet;
@@ -326,6 +326,21 @@ void CFilteringEngine::runFilter(SDspFilter& dsp, void* filter, bool wanted, con
     if (!wanted)
         FIIR_Reset(filter);
     dsp.active = wanted;
+}
+
+void CFilteringEngine::runSteadily(SDspFilter& dsp, void* filter, const SBlock& block)
+{
+    const auto [in, out, frames, channel, stride] = block;
+    // On the way in a column of its own: to pick samples from between those of other channels takes longer
+    // than anything that is done to them but the filter.
+    float* const column = stride == 1 ? out : processBuffer;
+    if (stride != 1)
+        copyColumn(in + channel, stride, column, 1, frames);
+    FIIR_Process(filter, stride == 1 ? in : column, column, frames);
+    if (delayAndGainEnabled.load(std::memory_order_relaxed))
+        delayAndGain(dsp, column, 1, out + channel, stride, frames);
+    else if (stride != 1)
+        copyColumn(column, 1, out + channel, stride, frames);
 }
 
 void CFilteringEngine::exchange(SFilterSlot& slot, const SSlotSnapshot& snapshot, void** retired)
@@ -350,7 +365,12 @@ void CFilteringEngine::exchange(SFilterSlot& slot, const SSlotSnapshot& snapshot
 void CFilteringEngine::processDelayAndGain(const float* in, float* out, unsigned frames, unsigned channel,
                                            unsigned channelCount)
 {
-    SDspFilter& dsp = filters[channel];
+    delayAndGain(filters[channel], in + channel, channelCount, out + channel, channelCount, frames);
+}
+
+void CFilteringEngine::delayAndGain(SDspFilter& dsp, const float* src, std::size_t srcStride, float* dst,
+                                    std::size_t dstStride, unsigned frames)
+{
     // Relaxed here and below: resetChannel and resetDelays may step in between and are then undone by the
     // stores, which costs them a block and nothing else.
     const float start = dsp.appliedGain.load(std::memory_order_relaxed);
@@ -363,14 +383,13 @@ void CFilteringEngine::processDelayAndGain(const float* in, float* out, unsigned
     if (dsp.delayBuffer == nullptr)
     {
         // No memory for the delay line: gain is what is left of the stage.
-        rampColumn(in + channel, out + channel, frames, channelCount, ramp);
+        rampColumn(src, srcStride, dst, dstStride, frames, ramp);
         return;
     }
     const SDelayRing ring{dsp.delayBuffer.get(), delayMask, dsp.writeIndex.load(std::memory_order_relaxed)};
     const std::uint32_t delay =
         delayInSamples(dsp.delayMs.load(std::memory_order_relaxed), samplesPerMs, maxDelaySamples);
-    const std::uint32_t next =
-        delayColumn(ring, delay, in + channel, out + channel, frames, channelCount, ramp);
+    const std::uint32_t next = delayColumn(ring, delay, src, srcStride, dst, dstStride, frames, ramp);
     dsp.writeIndex.store(next, std::memory_order_relaxed);
 }
 

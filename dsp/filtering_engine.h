@@ -143,11 +143,14 @@ private:
 
     void runSlots(SDspFilter& dsp, bool filterWanted, const SBlock& block, void** retired);
     void runFilter(SDspFilter& dsp, void* filter, bool wanted, const SBlock& block);
+    void runSteadily(SDspFilter& dsp, void* filter, const SBlock& block);
+    void delayAndGain(SDspFilter& dsp, const float* src, std::size_t srcStride, float* dst,
+                      std::size_t dstStride, unsigned frames);
     static void exchange(SFilterSlot& slot, const SSlotSnapshot& snapshot, void** retired);
 
     std::uint32_t numChannels;
-    float* processBuffer =
-        nullptr; ///< aligned; interleaved as the block is, holds the filtered signal during a fade
+    float* processBuffer = nullptr; ///< aligned; holds the filtered signal: one column, or interleaved as the
+                                    ///< block is during a fade
     std::uint32_t sampleRate = 0;
     std::uint32_t bufferChannels = 0;
     float samplesPerMs = 0.0F;

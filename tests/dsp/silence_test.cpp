@@ -236,7 +236,7 @@ TEST(SilenceGain, IsThePlainProduct)
                 samples[0] = first;
                 const CModeGuard guard(mode);
                 std::vector<float> actual(samples.size());
-                rampColumn(samples.data(), actual.data(), static_cast<std::uint32_t>(samples.size()), 1,
+                rampColumn(samples.data(), 1, actual.data(), 1, static_cast<std::uint32_t>(samples.size()),
                            {gain, 0.0F});
                 for (std::size_t i = 0; i < samples.size(); ++i)
                 {
