@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <utility>
 
 #include "dsp/denormals.h"
@@ -22,167 +23,153 @@ HWY_BEFORE_NAMESPACE();
 namespace korvodsp {
 namespace HWY_NAMESPACE {
 
-constexpr std::size_t kGroupsPerVector = kWideLanes / kSectionsPerGroup;
-/// Runs a bank of `groups` groups over at most kGroup samples.
-template<std::size_t groups>
-class CSectionSteps
+/// The next `frames` samples of a bank for themselves.
+template<std::size_t... v>
+HWY_INLINE void runSections(SSectionBank& bank, std::size_t frames, std::index_sequence<v...>)
 {
-public:
-    HWY_INLINE explicit CSectionSteps(const SSectionBank& bank) { load(bank, Index()); }
+    static constexpr void (*kRun[])(SSectionBank&, std::size_t) = {&runSections<v + 1, EOutputs::Give>...};
+    static constexpr void (*kRunSilence[])(SSectionBank&, std::size_t) = {&runSilence<v + 1>...};
+    (bank.silent ? kRunSilence : kRun)[bank.vectors() - 1](bank, frames);
+}
 
-    HWY_INLINE void run(SSectionBank& bank, std::size_t frames, SBankOutputs& outputs)
+HWY_INLINE void runSections(SSectionBank& bank, std::size_t frames)
+{
+    if (bank.groups != 0)
+        runSections(bank, frames, std::make_index_sequence<kBankVectors>());
+}
+
+/// A run of the sections that are not tiny, after that of those which are.
+template<std::size_t... v>
+HWY_INLINE void runRest(SSectionBank& bank, std::size_t frames, std::index_sequence<v...>)
+{
+    static constexpr void (*kRun[])(SSectionBank&, std::size_t) = {&runSections<v + 1, EOutputs::AddTo>...};
+    kRun[bank.vectors() - 1](bank, frames);
+}
+
+/// The end of a run in which the bank was silent.
+HWY_NOINLINE inline void endSilence(SSectionBank& bank, std::size_t frames)
+{
+    const bool stayedTiny = finishTinyOutputs(bank);
+    bank.done = 0;
+    if (!stayedTiny)
     {
-        WideVector previous = hn::Set(Wide(), bank.delayed[-1]);
-        for (std::size_t i = 0; i < frames; ++i)
-        {
-            const WideVector x = hn::Set(Wide(), bank.delayed[i]);
-            step(x, previous, outputs.rows[i], Index());
-            previous = x;
-        }
-        storeState(bank, Index());
+        forgetTiny(bank);
+        bank.silent = false;
+        return runSections(bank, frames);
     }
+    if (!bank.tiny.all)
+        runRest(bank, frames, std::make_index_sequence<kBankVectors>());
+    giveTinyBack(bank);
+}
 
-private:
-    static constexpr std::size_t kVectors = (groups + kGroupsPerVector - 1) / kGroupsPerVector;
-    using Index = std::make_index_sequence<kVectors>;
-    using Vectors = WideVector[kVectors];
+template<class Companion>
+HWY_INLINE void sumWith(SRun& run, typename Companion::Work& work)
+{
+    if (run.frames >= kMinSpaced * kRow)
+        sumSpaced<Companion>(run, work);
+    else
+        sumAdjacent<Companion>(run, work);
+}
 
-    template<std::size_t... v>
-    HWY_INLINE void load(const SSectionBank& bank, std::index_sequence<v...>)
-    {
-        ((m_b0[v] = hn::Load(Wide(), bank.fields[SSectionBank::kB0] + v * kWideLanes)), ...);
-        ((m_b1[v] = hn::Load(Wide(), bank.fields[SSectionBank::kB1] + v * kWideLanes)), ...);
-        ((m_a1[v] = hn::Load(Wide(), bank.fields[SSectionBank::kA1] + v * kWideLanes)), ...);
-        ((m_a2[v] = hn::Load(Wide(), bank.fields[SSectionBank::kA2] + v * kWideLanes)), ...);
-        ((m_y1[v] = hn::Load(Wide(), bank.fields[SSectionBank::kY1] + v * kWideLanes)), ...);
-        ((m_y2[v] = hn::Load(Wide(), bank.fields[SSectionBank::kY2] + v * kWideLanes)), ...);
-    }
+/// The sums of a run, with a bank's sections run along: they wait for themselves most of the time.
+template<std::size_t... v>
+HWY_INLINE void sumWithSections(SRun& run, SSectionBank& bank, std::index_sequence<v...>)
+{
+    static constexpr void (*kSum[])(SRun&, SSectionBank&) = {&sumWith<CSectionSteps<v + 1>>...};
+    static constexpr void (*kSumSilence[])(SRun&, SSectionBank&) = {&sumWith<CTinySteps<v + 1>>...};
+    (bank.silent ? kSumSilence : kSum)[bank.vectors() - 1](run, bank);
+}
 
-    template<std::size_t... v>
-    HWY_INLINE void storeState(SSectionBank& bank, std::index_sequence<v...>) const
-    {
-        (hn::Store(m_y1[v], Wide(), bank.fields[SSectionBank::kY1] + v * kWideLanes), ...);
-        (hn::Store(m_y2[v], Wide(), bank.fields[SSectionBank::kY2] + v * kWideLanes), ...);
-    }
+/// Vectors of sections for which there are registers beside those of the FIR sums; measured.
+constexpr std::size_t kVectorsAlong = HWY_TARGET == HWY_AVX2 ? 2 : kBankVectors;
 
-    template<std::size_t... v>
-    HWY_INLINE void step(WideVector x, WideVector previous, float* outputs, std::index_sequence<v...>)
-    {
-        (stepVector<v>(x, previous, outputs + v * kWideLanes), ...);
-    }
+HWY_INLINE void sumSlots(SRun& run, SSectionBank& bank)
+{
+    if (bank.groups != 0 && bank.vectors() <= kVectorsAlong)
+        return sumWithSections(run, bank, std::make_index_sequence<kVectorsAlong>());
+    CNoSteps::Work none;
+    sumWith<CNoSteps>(run, none);
+    runSections(bank, run.frames);
+}
 
-    template<std::size_t v>
-    HWY_INLINE void stepVector(WideVector x, WideVector previous, float* outputs)
-    {
-        const WideVector forward = hn::Add(hn::Mul(m_b0[v], x), hn::Mul(m_b1[v], previous));
-        const WideVector back = hn::Add(hn::Mul(m_a1[v], m_y1[v]), hn::Mul(m_a2[v], m_y2[v]));
-        m_y2[v] = m_y1[v];
-        m_y1[v] = hn::Sub(forward, back);
-        hn::Store(m_y1[v], Wide(), outputs);
-    }
+/// A run as its sections see it.
+struct SSectionRun
+{
+    float inputs[1 + kMaxRun];              ///< behind the one before the run
+    HWY_ALIGN_MAX float lanes[kLanesOfRun]; ///< of the sums, placed by lanesOf()
+    std::size_t frames;
+    bool silent;
 
-    Vectors m_b0, m_b1, m_a1, m_a2, m_y1, m_y2;
+    float* delayed() { return inputs + 1; }
 };
 
-template<std::size_t... g>
-HWY_INLINE void addInOrder(const float* outputs, float* sums, std::index_sequence<g...>)
+/// Whether nothing comes in and denormals are worth a way of their own.
+HWY_INLINE bool isSilent(const SSectionRun& sections)
 {
-    FourVector sum = hn::Load(Four(), sums);
-    ((sum = hn::Add(sum, hn::Load(Four(), outputs + g * kSectionsPerGroup))), ...);
-    hn::Store(sum, Four(), sums);
+    if (sections.inputs[sections.frames] != 0.0F)
+        return false;
+    std::uint32_t bits = 0;
+    for (std::size_t i = 0; i < sections.frames; ++i)
+        bits |= loadAs<std::uint32_t>(sections.inputs + i);
+    return (bits & 0x7FFFFFFF) == 0 && keepsDenormals();
 }
 
-/// In a loop of its own, by way of memory: reading groups back costs less than taking vectors apart.
-template<std::size_t groups>
-HWY_INLINE void addOutputs(const SBankOutputs& outputs, float* sums, std::size_t frames)
+HWY_INLINE void beginBank(SSectionBank& bank, SSectionRun& sections)
 {
-    for (std::size_t i = 0; i < frames; ++i)
-        addInOrder(outputs.rows[i], sums + i * kSectionsPerGroup, std::make_index_sequence<groups>());
+    for (std::size_t g = 0; g < bank.groups; ++g)
+        clearLastLanes(bank.outputs[g], sections.frames);
+    bank.delayed = sections.delayed();
+    bank.done = 0;
+    bank.silent = sections.silent && takeTiny(bank);
 }
 
-template<std::size_t groups>
-HWY_NOINLINE void runSections(SSectionBank& bank, std::size_t frames)
+/// Adds what the bank gives, when it is through.
+HWY_INLINE void endBank(SSectionBank& bank, SSectionRun& sections, bool isFirst)
 {
-    SBankOutputs outputs;
-    CSectionSteps<groups>(bank).run(bank, frames, outputs);
-    addOutputs<groups>(outputs, bank.sums, frames);
+    if (bank.silent)
+        endSilence(bank, sections.frames);
+    addOutputs(bank, isFirst, sections.lanes, sections.frames);
 }
 
-/// The same over silence, for a bank some of whose sections may have rung down to denormals.
-template<std::size_t groups>
-HWY_NOINLINE void runSilence(SSectionBank& bank, std::size_t frames)
+/// All groups behind the first bank, one bank after the other over the whole run, in the memory of the first.
+HWY_NOINLINE inline void addFurtherBanks(FIIR_FILTER_tag& filter, SSectionBank& bank, SSectionRun& sections)
 {
-    constexpr std::size_t kLanes = (groups * kSectionsPerGroup + kTinyLanes - 1) / kTinyLanes * kTinyLanes;
-    STinySections tiny;
-    if (!chooseTiny(bank, kLanes, tiny) || !runTiny(bank, kLanes, frames, tiny))
-        return runSections<groups>(bank, frames);
-    SBankOutputs outputs;
-    if (!tiny.all)
-    {
-        hideTiny(bank, kLanes, tiny);
-        CSectionSteps<groups>(bank).run(bank, frames, outputs);
-    }
-    mergeTiny(tiny, kLanes, frames, bank, outputs);
-    addOutputs<groups>(outputs, bank.sums, frames);
-}
-
-template<std::size_t... g>
-HWY_INLINE void runSections(SSectionBank& bank, std::size_t frames, std::index_sequence<g...>)
-{
-    static constexpr void (*kRun[])(SSectionBank&, std::size_t) = {&runSections<g + 1>...};
-    static constexpr void (*kRunSilence[])(SSectionBank&, std::size_t) = {&runSilence<g + 1>...};
-    (bank.silent ? kRunSilence : kRun)[bank.groups - 1](bank, frames);
-    bank.delayed += frames;
-    bank.sums += frames * kSectionsPerGroup;
-}
-
-/// Lets the bank run on by `frames` samples, kGroup at a time: what is left over waits, since every start
-/// costs the loading of all coefficients. A bank without groups does nothing.
-HWY_INLINE void advance(SSectionBank& bank, std::size_t frames)
-{
-    if (bank.groups == 0)
-        return;
-    for (bank.waiting += frames; bank.waiting >= kGroup; bank.waiting -= kGroup)
-        runSections(bank, kGroup, std::make_index_sequence<kGroupsAtOnce>());
-}
-
-/// Runs what advance() has left over.
-HWY_INLINE void catchUp(SSectionBank& bank)
-{
-    if (bank.waiting != 0)
-        runSections(bank, bank.waiting, std::make_index_sequence<kGroupsAtOnce>());
-    bank.waiting = 0;
-}
-
-/// All groups behind the first bank, one bank after the other over the whole run.
-HWY_INLINE void addFurtherBanks(FIIR_FILTER_tag& filter, const float* delayed, float* sums,
-                                std::size_t frames, bool silent)
-{
-    SSectionBank bank;
-    bank.silent = silent;
+    storeBank(bank, filter.cookedSections);
     for (std::size_t done = kGroupsAtOnce; done < filter.numCookedGroups; done += kGroupsAtOnce)
     {
         float* cooked = filter.cookedSections + done * kFloatsPerGroup;
         loadBank(bank, cooked, std::min(filter.numCookedGroups - done, kGroupsAtOnce));
-        bank.delayed = delayed;
-        bank.sums = sums;
-        advance(bank, frames);
-        catchUp(bank);
+        beginBank(bank, sections);
+        runSections(bank, sections.frames);
+        endBank(bank, sections, false);
         storeBank(bank, cooked);
     }
+    loadBank(bank, filter.cookedSections, kGroupsAtOnce);
 }
 
-/// Adds the lanes of the sections' sums to `results`.
-HWY_INLINE void finishSections(const float* sums, float* results, std::size_t frames)
+/// The input is there.
+HWY_INLINE void beginSections(SSectionRun& sections, FIIR_FILTER_tag& filter, SSectionBank& bank)
 {
-    const Four four;
-    for (std::size_t i = 0; i < frames; i += 4)
-    {
-        const float* row = sums + i * kSectionsPerGroup;
-        const FourVector sections = sumsOfLanes(hn::Load(four, row), hn::Load(four, row + 4),
-                                                hn::Load(four, row + 8), hn::Load(four, row + 12));
-        hn::Store(hn::Add(sections, hn::Load(four, results + i)), four, results + i);
-    }
+    sections.inputs[0] = filter.prevInput;
+    filter.prevInput = sections.inputs[sections.frames];
+    sections.silent = isSilent(sections);
+    beginBank(bank, sections);
+}
+
+HWY_INLINE void endSections(SSectionRun& sections, FIIR_FILTER_tag& filter, SSectionBank& bank)
+{
+    endBank(bank, sections, true);
+    if (filter.numCookedGroups > kGroupsAtOnce)
+        addFurtherBanks(filter, bank, sections);
+}
+
+/// The sections' part of the results of kWideLanes samples.
+HWY_INLINE WideVector finishSections(const SSectionRun& sections, std::size_t first)
+{
+    WideVector lanes[4];
+    for (std::size_t v = 0; v < 4; ++v)
+        lanes[v] = hn::Load(Wide(), sections.lanes + 4 * first + v * kWideLanes);
+    return sumLanes(lanes);
 }
 
 /// The sections' input over a run: x(t-n), as the ring held it when its turn came.
@@ -225,24 +212,12 @@ HWY_INLINE std::size_t passSmallRing(SRun& run, std::size_t taps, const float* s
         FourVector sum = hn::Zero(four);
         for (std::size_t j = 0; j < run.length; j += 4)
             sum = hn::Add(sum, hn::Mul(hn::Load(four, run.ring + j), hn::Load(four, rotated + j)));
-        float* row = run.sums + i * kRow;
-        hn::Store(sum, four, row);
-        std::fill_n(row + 4, kRow - 4, 0.0F);
+        hn::Store(sum, four, run.sums[0] + lanesOf(i));
+        for (std::size_t quarter = 1; quarter < kRow / 4; ++quarter)
+            hn::Store(hn::Zero(four), four, run.sums[quarter] + lanesOf(i));
         slot = (slot == 0 ? run.length : slot) - 1;
     }
     return slot;
-}
-
-HWY_INLINE void startSections(FIIR_FILTER_tag& filter, SSectionBank& bank, float* delayed, float* sums,
-                              std::size_t frames)
-{
-    delayed[-1] = filter.prevInput;
-    filter.prevInput = delayed[static_cast<std::ptrdiff_t>(frames) - 1];
-    std::fill_n(sums, (frames + 3) * kSectionsPerGroup, 0.0F);
-    bank.delayed = delayed;
-    bank.sums = sums;
-    bank.silent =
-        std::all_of(delayed - 1, delayed + frames, [](float x) { return x == 0.0F; }) && keepsDenormals();
 }
 
 /// Filters one run; run.newest and run.frames are set.
@@ -250,36 +225,38 @@ HWY_INLINE void startSections(FIIR_FILTER_tag& filter, SSectionBank& bank, float
 HWY_INLINE void filterRun(FIIR_FILTER_tag& filter, SRun& run, SSectionBank& bank, const float* samples,
                           std::size_t stride, float* results)
 {
-    HWY_ALIGN_MAX float sectionSums[(kMaxRun + 3) * kSectionsPerGroup];
-    float inputs[1 + kMaxRun];
-    float* delayed = inputs + 1;
+    SSectionRun sections;
+    sections.frames = run.frames;
     const bool hasSections = bank.groups != 0;
+    std::size_t next = 0;
+    for (float* lanes : run.sums)
+        clearLastLanes(lanes, run.frames);
     if (run.length < kRow)
     {
-        filter.delayPos =
-            static_cast<std::uint32_t>(passSmallRing(run, filter.numTaps, samples, stride, delayed));
+        next = passSmallRing(run, filter.numTaps, samples, stride, sections.delayed());
         if (hasSections)
-            startSections(filter, bank, delayed, sectionSums, run.frames);
-        advance(bank, run.frames);
+            beginSections(sections, filter, bank);
+        runSections(bank, run.frames);
     }
     else
     {
         takeSamples(run, samples, stride);
         if (hasSections)
         {
-            takeDelayed(run, filter.numTaps, delayed);
-            startSections(filter, bank, delayed, sectionSums, run.frames);
+            takeDelayed(run, filter.numTaps, sections.delayed());
+            beginSections(sections, filter, bank);
         }
-        sumSlots(run, [&bank](std::size_t outputs) HWY_ATTR { advance(bank, outputs); });
+        sumSlots(run, bank);
         writeSamples(run);
-        filter.delayPos = static_cast<std::uint32_t>(slotAfter(run));
+        next = slotAfter(run);
     }
-    finishSums(run, results);
+    filter.delayPos = static_cast<std::uint32_t>(next);
     if (hasSections)
+        endSections(sections, filter, bank);
+    for (std::size_t i = 0; i < run.frames; i += kWideLanes)
     {
-        catchUp(bank);
-        addFurtherBanks(filter, delayed, sectionSums, run.frames, bank.silent);
-        finishSections(sectionSums, results, run.frames);
+        const WideVector sums = finishSums(run, i);
+        hn::Store(hasSections ? hn::Add(finishSections(sections, i), sums) : sums, Wide(), results + i);
     }
 }
 
@@ -293,7 +270,7 @@ HWY_NOINLINE void FIIR_SSE(void* handle, const float* in, float* out, unsigned f
     run.length = filter.paddedTaps;
     SSectionBank bank;
     loadBank(bank, filter.cookedSections, std::min<std::size_t>(filter.numCookedGroups, kGroupsAtOnce));
-    HWY_ALIGN_MAX float results[kMaxRun + 3];
+    HWY_ALIGN_MAX float results[kMaxRun];
     in += channel;
     out += channel;
     for (std::size_t left = frames; left > 0; left -= run.frames)

@@ -54,6 +54,64 @@ using FourVector = hn::Vec<Four>;
 /// three more.
 constexpr std::size_t kGroup = HWY_TARGET == HWY_AVX3 ? 8 : 6;
 constexpr std::size_t kMaxRun = kRow * kGroup;
+static_assert(kMaxRun % kWideLanes == 0);
+
+/// Where the four lanes that an output's sum ends in lie among those of a run. Four outputs that follow each
+/// other lie kWideLanes apart, so that sumLanes() needs a few operations on wide vectors only; outputs kRow
+/// apart lie four times as far apart.
+HWY_INLINE std::size_t lanesOf(std::size_t output)
+{
+    return (output & ~(kWideLanes - 1)) * 4 + output % 4 * kWideLanes + output % kWideLanes / 4 * 4;
+}
+constexpr std::size_t kLanesOfRun = 4 * kMaxRun;
+
+/// What wide vectors have to go through for that many outputs.
+HWY_INLINE std::size_t lanesFor(std::size_t outputs)
+{
+    return (outputs + kWideLanes - 1) / kWideLanes * kWideLanes * 4;
+}
+
+/// Puts zeros where the last of those vectors lie, some of which may belong to no output.
+HWY_INLINE void clearLastLanes(float* lanes, std::size_t outputs)
+{
+    if (outputs % kWideLanes != 0)
+        std::fill_n(lanes + lanesFor(outputs) - 4 * kWideLanes, 4 * kWideLanes, 0.0F);
+}
+
+/// Four lanes of a vector. Taken straight to memory they cost a store and no more, which Highway's halves do
+/// not.
+template<std::size_t four>
+HWY_INLINE __m128 fourOf(WideVector v)
+{
+#if HWY_TARGET == HWY_AVX3
+    return _mm512_extractf32x4_ps(v.raw, four);
+#elif HWY_TARGET == HWY_AVX2
+    return _mm256_extractf128_ps(v.raw, four);
+#else
+    return v.v;
+#endif
+}
+
+template<std::size_t... four>
+HWY_INLINE void storeFours(WideVector v, float* places, std::size_t step, std::index_sequence<four...>)
+{
+    (_mm_store_ps(places + four * step, fourOf<four>(v)), ...);
+}
+
+/// Puts each four lanes of a vector `step` floats apart.
+HWY_INLINE void storeFours(WideVector v, float* places, std::size_t step)
+{
+    storeFours(v, places, step, std::make_index_sequence<kWideLanes / 4>());
+}
+
+/// The other way round.
+HWY_INLINE WideVector loadFours(const float* places, std::size_t step)
+{
+    HWY_ALIGN_MAX float lanes[kWideLanes];
+    for (std::size_t i = 0; i < kWideLanes; i += 4)
+        hn::Store(hn::Load(Four(), places + i / 4 * step), Four(), lanes + i);
+    return hn::Load(Wide(), lanes);
+}
 
 /// One run of samples, which goes to the slots newest, newest - 1, ... of a ring, and its sums.
 struct SRun
@@ -65,7 +123,7 @@ struct SRun
     std::size_t frames = 0;     ///< samples in the run
     std::size_t imageStart = 0; ///< first slot of the image, a multiple of kRow
     HWY_ALIGN_MAX float image[kMaxRun + 2 * kRow];
-    HWY_ALIGN_MAX float sums[kMaxRun * kRow]; ///< a row per sample
+    HWY_ALIGN_MAX float sums[kRow / 4][kLanesOfRun]; ///< a0 to a3 of each sample, placed by lanesOf()
 
     const float* fresh(std::size_t slot) const { return image + (slot - imageStart); }
     /// Taps as they meet slot 0 of the ring, for the output of the sample at `slot`. The ones for the samples
@@ -91,23 +149,35 @@ HWY_INLINE void shiftTaps(WideVector (&taps)[sizeof...(k)], std::index_sequence<
     ((k > 0 ? void(taps[k - (k > 0)] = taps[k]) : void()), ...);
 }
 
-template<std::size_t... k>
-HWY_INLINE void storeRows(const WideVector (&sums)[sizeof...(k)], float* row, std::size_t step,
-                          std::index_sequence<k...>)
+/// Puts what belongs to an output, from sum `part` on, in its place.
+/// @param lanes  the output's lanesOf()
+HWY_INLINE void storeSums(SRun& run, std::size_t lanes, std::size_t part, WideVector sums)
 {
-    (hn::Store(sums[k], Wide(), row + k * step), ...);
+    storeFours(sums, run.sums[part / 4] + lanes, kLanesOfRun);
 }
 
-/// The sums of the outputs at slots newest, newest - 16, ..., newest - 16 (K - 1).
+/// Goes along with sums where there is nothing else to do. A companion is made for some work, takes a step
+/// for each output, and finishes.
+struct CNoSteps
+{
+    struct Work
+    {
+    };
+    HWY_INLINE CNoSteps() = default;
+    HWY_INLINE explicit CNoSteps(const Work&) {}
+    HWY_INLINE void step() {}
+    HWY_INLINE void finish() {}
+};
+
+/// The sums of outputs first, first + 16, ..., first + 16 (K - 1) of a run.
 template<std::size_t K>
 class CSpacedSums
 {
 public:
-    static constexpr std::size_t kSpacing = kRow;
-
-    /// @param part  which vector of the row
-    HWY_INLINE CSpacedSums(const SRun& run, std::size_t newest, std::size_t part)
-        : m_run(run), m_newest(newest), m_part(part), m_taps(run.alignedTapsFor(newest) + part)
+    /// @param part  of the running sums, from which on there is a vector of them
+    HWY_INLINE CSpacedSums(SRun& run, std::size_t first, std::size_t part)
+        : m_run(run), m_first(first), m_newest(run.newest - first), m_part(part),
+          m_taps(run.alignedTapsFor(m_newest) + part)
     {
         for (std::size_t k = 0; k < K; ++k)
             m_sums[k] = hn::Zero(Wide());
@@ -115,19 +185,23 @@ public:
             m_window[k] = loadTaps(k);
     }
 
-    HWY_INLINE void add(float* rows, std::size_t rowStep)
+    /// Lets the companion take its share of K steps.
+    template<class Companion>
+    HWY_INLINE void add(Companion& companion)
     {
         const std::size_t blocks = m_run.length / kRow;
         const std::size_t mixed = m_newest / kRow;
         const std::size_t top = m_run.newest / kRow;
         addBlocks(m_run.ring, 0, mixed - (K - 1));
-        addOlderMixedBlocks(mixed, std::make_index_sequence<K - 1>());
+        addOlderMixedBlocks(mixed, companion, std::make_index_sequence<K - 1>());
         if (mixed < blocks)
             addMixedBlock<0>(mixed);
+        accompany<0>(companion);
         if (mixed < top && top < blocks)
             addBlock(m_run.fresh(top * kRow), top);
         addBlocks(m_run.ring, top + 1, blocks);
-        storeRows(m_sums, rows + m_part, rowStep, Index());
+        for (std::size_t k = 0; k < K; ++k)
+            storeSums(m_run, lanesOf(m_first) + k * kRow * 4, m_part, m_sums[k]);
     }
 
 private:
@@ -158,10 +232,18 @@ private:
             addBlock(ring + block * kRow, block);
     }
 
-    template<std::size_t... i>
-    HWY_INLINE void addOlderMixedBlocks(std::size_t mixed, std::index_sequence<i...>)
+    template<class Companion, std::size_t... i>
+    HWY_INLINE void addOlderMixedBlocks(std::size_t mixed, Companion& companion, std::index_sequence<i...>)
     {
-        (addMixedBlock<K - 1 - i>(mixed - (K - 1 - i)), ...);
+        ((addMixedBlock<K - 1 - i>(mixed - (K - 1 - i)), accompany<K - 1 - i>(companion)), ...);
+    }
+
+    /// A step for each output, in turns over the vectors of the row.
+    template<std::size_t own, class Companion>
+    HWY_INLINE void accompany(Companion& companion)
+    {
+        if (own % (kRow / kWideLanes) == m_part / kWideLanes)
+            companion.step();
     }
 
     /// The block that is mixed for output `own`: still all old for the ones before it, all new for those
@@ -189,43 +271,59 @@ private:
          ...);
     }
 
-    const SRun& m_run;
-    const std::size_t m_newest;
+    SRun& m_run;
+    const std::size_t m_first;
+    const std::size_t m_newest; ///< slot of the first output
     const std::size_t m_part;
     const float* const m_taps;
     WideVector m_sums[K];
     WideVector m_window[K]; ///< the taps of the current block for each output
 };
 
-/// The sums of the outputs at slots newest, newest - 1, ..., newest - (K - 1).
+/// The sums of outputs first, first + 1, ..., first + K - 1 of a run.
 template<std::size_t K>
 class CAdjacentSums
 {
 public:
-    static constexpr std::size_t kSpacing = 1;
-
-    HWY_INLINE CAdjacentSums(const SRun& run, std::size_t newest, std::size_t part)
-        : m_run(run), m_newest(newest), m_part(part), m_taps(run.tapsFor(newest) + part)
+    HWY_INLINE CAdjacentSums(SRun& run, std::size_t first, std::size_t part)
+        : m_run(run), m_first(first), m_newest(run.newest - first), m_part(part),
+          m_taps(run.tapsFor(m_newest) + part)
     {
         for (WideVector& sum : m_sums)
             sum = hn::Zero(Wide());
     }
 
-    HWY_INLINE void add(float* rows, std::size_t rowStep)
+    /// Lets the companion take its share of K steps.
+    template<class Companion>
+    HWY_INLINE void add(Companion& companion)
     {
         const std::size_t blocks = m_run.length / kRow;
         const std::size_t mixed = (m_newest - (K - 1)) / kRow;
         const std::size_t afterMixed = m_newest / kRow + 1;
         const std::size_t afterTop = m_run.newest / kRow + 1;
-        for (std::size_t block = 0; block < mixed; ++block)
-            addBlock(m_run.ring + block * kRow, block, Index());
+        constexpr std::size_t kParts = kRow / kWideLanes;
+        std::size_t steps = (K + kParts - 1 - m_part / kWideLanes) / kParts;
+        const auto addOldBlocks = [&](std::size_t begin, std::size_t end) HWY_ATTR {
+            for (std::size_t block = begin; block < end; ++block)
+            {
+                addBlock(m_run.ring + block * kRow, block, Index());
+                if (steps > 0)
+                {
+                    companion.step();
+                    --steps;
+                }
+            }
+        };
+        addOldBlocks(0, mixed);
         for (std::size_t block = mixed; block < std::min(afterMixed, blocks); ++block)
             addMixedBlock(block, Index());
         for (std::size_t block = afterMixed; block < std::min(afterTop, blocks); ++block)
             addBlock(m_run.fresh(block * kRow), block, Index());
-        for (std::size_t block = afterTop; block < blocks; ++block)
-            addBlock(m_run.ring + block * kRow, block, Index());
-        storeRows(m_sums, rows + m_part, rowStep, Index());
+        addOldBlocks(afterTop, blocks);
+        for (; steps > 0; --steps)
+            companion.step();
+        for (std::size_t k = 0; k < K; ++k)
+            storeSums(m_run, lanesOf(m_first + k), m_part, m_sums[k]);
     }
 
 private:
@@ -261,28 +359,30 @@ private:
          ...);
     }
 
-    const SRun& m_run;
-    const std::size_t m_newest;
+    SRun& m_run;
+    const std::size_t m_first;
+    const std::size_t m_newest; ///< slot of the first output
     const std::size_t m_part;
     const float* const m_taps;
     WideVector m_sums[K];
 };
 
-/// Adds the slots behind the last whole block, less than kRow of them, to the first four sums of K rows.
-/// Output k is that of the sample at newest - k * spacing.
+/// Adds the slots behind the last whole block, less than kRow of them, to a0 of outputs first, first +
+/// spacing, ..., K in all.
 template<std::size_t K>
-HWY_INLINE void addRest(const SRun& run, std::size_t newest, std::size_t spacing, float* rows,
-                        std::size_t rowStep)
+HWY_INLINE void addRest(SRun& run, std::size_t first, std::size_t spacing)
 {
     const Four four;
     const std::size_t rest = run.length & ~(kRow - 1);
+    const std::size_t newest = run.newest - first;
     const float* taps = spacing % 4 == 0 ? run.alignedTapsFor(newest) : run.tapsFor(newest);
     // The image is up to date for all slots from an output's own on, and the ring for those below.
     const float* samples = run.newest >= rest ? run.fresh(rest) : run.ring + rest;
     for (std::size_t k = 0; k < K; ++k)
     {
         const std::size_t slot = newest - k * spacing;
-        FourVector sum = hn::Load(four, rows + k * rowStep);
+        float* const lanes = run.sums[0] + lanesOf(first + k * spacing);
+        FourVector sum = hn::Load(four, lanes);
         for (std::size_t j = rest; j < run.length; j += 4)
         {
             FourVector x = hn::Load(four, samples + (j - rest));
@@ -291,32 +391,42 @@ HWY_INLINE void addRest(const SRun& run, std::size_t newest, std::size_t spacing
                                    x, hn::Load(four, run.ring + j));
             sum = hn::Add(sum, hn::Mul(x, hn::LoadU(four, taps + k * spacing + j)));
         }
-        hn::Store(sum, four, rows + k * rowStep);
+        hn::Store(sum, four, lanes);
     }
 }
 
-template<template<std::size_t> class Sums, std::size_t K>
-HWY_NOINLINE void addGroup(const SRun& run, std::size_t newest, float* rows, std::size_t rowStep)
+/// K outputs, kRow apart, for each `first` up to `end`.
+template<std::size_t K, class Companion>
+HWY_NOINLINE void addSpacedGroups(SRun& run, std::size_t first, std::size_t end,
+                                  typename Companion::Work& work)
+{
+    Companion companion(work);
+    for (std::size_t i = first; i < end; ++i)
+    {
+        for (std::size_t part = 0; part < kRow; part += kWideLanes)
+            CSpacedSums<K>(run, i, part).add(companion);
+        if (run.length % kRow != 0)
+            addRest<K>(run, i, kRow);
+    }
+    companion.finish();
+}
+
+/// K neighbours.
+template<std::size_t K, class Companion>
+HWY_INLINE void addAdjacentGroup(SRun& run, std::size_t first, Companion& companion)
 {
     for (std::size_t part = 0; part < kRow; part += kWideLanes)
-        Sums<K>(run, newest, part).add(rows, rowStep);
+        CAdjacentSums<K>(run, first, part).add(companion);
     if (run.length % kRow != 0)
-        addRest<K>(run, newest, Sums<K>::kSpacing, rows, rowStep);
+        addRest<K>(run, first, 1);
 }
 
-using AddGroup = void (*)(const SRun&, std::size_t newest, float* rows, std::size_t rowStep);
-
-template<template<std::size_t> class Sums, std::size_t... k>
-HWY_INLINE AddGroup groupOf(std::size_t outputs, std::index_sequence<k...>)
+/// Fewer neighbours than fill a group.
+template<std::size_t K>
+HWY_NOINLINE void addShortGroup(SRun& run, std::size_t first)
 {
-    static constexpr AddGroup kGroups[] = {&addGroup<Sums, k + 1>...};
-    return kGroups[outputs - 1];
-}
-
-template<template<std::size_t> class Sums>
-HWY_INLINE AddGroup groupOf(std::size_t outputs)
-{
-    return groupOf<Sums>(outputs, std::make_index_sequence<kGroup>());
+    CNoSteps none;
+    addAdjacentGroup<K>(run, first, none);
 }
 
 /// Makes the next run out of `left` samples, the first of which goes to `newest`. It ends where the
@@ -359,27 +469,50 @@ HWY_INLINE void takeSamples(SRun& run, const float* samples, std::size_t stride)
         image[run.frames - 1 - i] = samples[i * stride];
 }
 
-/// Sums up the run, and calls between(n) after each group of n samples.
-template<class Between>
-HWY_INLINE void sumSlots(SRun& run, const Between& between)
+/// Spaced groups get smaller as runs get shorter; measured, neighbours are faster below four to a group.
+constexpr std::size_t kMinSpaced = 3;
+
+template<class Companion, std::size_t... k>
+HWY_INLINE void sumSpaced(SRun& run, typename Companion::Work& work, std::index_sequence<k...>)
 {
-    // Spaced groups get smaller as runs get shorter; measured, neighbours are faster below four to a group.
-    if (run.frames >= 4 * kRow)
-    {
-        for (std::size_t i = 0; i < kRow; ++i)
-        {
-            const std::size_t samples = (run.frames - i + kRow - 1) / kRow;
-            groupOf<CSpacedSums>(samples)(run, run.newest - i, run.sums + i * kRow, kRow * kRow);
-            between(samples);
-        }
-        return;
-    }
-    for (std::size_t i = 0; i < run.frames; i += kGroup)
-    {
-        const std::size_t samples = std::min(run.frames - i, kGroup);
-        groupOf<CAdjacentSums>(samples)(run, run.newest - i, run.sums + i * kRow, kRow);
-        between(samples);
-    }
+    static constexpr void (*kAdd[])(SRun&, std::size_t, std::size_t, typename Companion::Work&) = {
+        &addSpacedGroups<kMinSpaced + k, Companion>...};
+    const std::size_t shorter = run.frames / kRow; // outputs in a group, after some groups of one more
+    const std::size_t longerGroups = run.frames % kRow;
+    if (longerGroups != 0)
+        kAdd[shorter + 1 - kMinSpaced](run, 0, longerGroups, work);
+    kAdd[shorter - kMinSpaced](run, longerGroups, kRow, work);
+}
+
+/// Sums up a run of kMinSpaced * kRow samples or more.
+/// @param work  what the companion steps through, a step for each sample
+template<class Companion>
+HWY_INLINE void sumSpaced(SRun& run, typename Companion::Work& work)
+{
+    sumSpaced<Companion>(run, work, std::make_index_sequence<kGroup - kMinSpaced + 1>());
+}
+
+template<std::size_t... k>
+HWY_INLINE void addShortGroup(SRun& run, std::size_t first, std::index_sequence<k...>)
+{
+    static constexpr void (*kAdd[])(SRun&, std::size_t) = {&addShortGroup<k + 1>...};
+    if (first < run.frames)
+        kAdd[run.frames - first - 1](run, first);
+}
+
+/// Sums up any run.
+/// @param work  as for sumSpaced()
+template<class Companion>
+HWY_NOINLINE void sumAdjacent(SRun& run, typename Companion::Work& work)
+{
+    Companion companion(work);
+    std::size_t i = 0;
+    for (; i + kGroup <= run.frames; i += kGroup)
+        addAdjacentGroup<kGroup>(run, i, companion);
+    addShortGroup(run, i, std::make_index_sequence<kGroup - 1>());
+    for (; i < run.frames; ++i)
+        companion.step();
+    companion.finish();
 }
 
 /// Moves the run's samples into the ring, when all sums are done.
@@ -389,39 +522,33 @@ HWY_INLINE void writeSamples(const SRun& run)
     std::copy_n(run.fresh(oldest), run.frames, run.ring + oldest);
 }
 
-/// (a0 + a1) + (a2 + a3) of a row.
-HWY_INLINE FourVector sumOfRow(const float* row)
+/// ((l0 + l1) + l2) + l3 of the lanes of kWideLanes outputs.
+HWY_INLINE WideVector sumLanes(const WideVector (&lanes)[4])
 {
-    const Four four;
-    return hn::Add(hn::Add(hn::Load(four, row), hn::Load(four, row + 4)),
-                   hn::Add(hn::Load(four, row + 8), hn::Load(four, row + 12)));
-}
-
-/// ((l0 + l1) + l2) + l3 of each of four vectors, side by side.
-HWY_INLINE FourVector sumsOfLanes(FourVector v0, FourVector v1, FourVector v2, FourVector v3)
-{
-    const Four four;
-    const FourVector low01 = hn::InterleaveLower(four, v0, v1);
-    const FourVector low23 = hn::InterleaveLower(four, v2, v3);
-    const FourVector high01 = hn::InterleaveUpper(four, v0, v1);
-    const FourVector high23 = hn::InterleaveUpper(four, v2, v3);
-    const FourVector lane0 = hn::ConcatLowerLower(four, low23, low01);
-    const FourVector lane1 = hn::ConcatUpperUpper(four, low23, low01);
-    const FourVector lane2 = hn::ConcatLowerLower(four, high23, high01);
-    const FourVector lane3 = hn::ConcatUpperUpper(four, high23, high01);
+    const Wide wide;
+    const WideVector low02 = hn::InterleaveLower(wide, lanes[0], lanes[2]);
+    const WideVector low13 = hn::InterleaveLower(wide, lanes[1], lanes[3]);
+    const WideVector high02 = hn::InterleaveUpper(wide, lanes[0], lanes[2]);
+    const WideVector high13 = hn::InterleaveUpper(wide, lanes[1], lanes[3]);
+    const WideVector lane0 = hn::InterleaveLower(wide, low02, low13);
+    const WideVector lane1 = hn::InterleaveUpper(wide, low02, low13);
+    const WideVector lane2 = hn::InterleaveLower(wide, high02, high13);
+    const WideVector lane3 = hn::InterleaveUpper(wide, high02, high13);
     return hn::Add(hn::Add(hn::Add(lane0, lane1), lane2), lane3);
 }
 
-/// The results of a run, one float per output; room for three more is needed at `results`, which is aligned.
-HWY_INLINE void finishSums(const SRun& run, float* results)
+/// The sums of kWideLanes outputs of a run, all of (a0 + a1) + (a2 + a3).
+HWY_INLINE WideVector finishSums(const SRun& run, std::size_t first)
 {
-    for (std::size_t i = 0; i < run.frames; i += 4)
+    const Wide wide;
+    WideVector lanes[4];
+    for (std::size_t v = 0; v < 4; ++v)
     {
-        const float* row = run.sums + i * kRow;
-        hn::Store(sumsOfLanes(sumOfRow(row), sumOfRow(row + kRow), sumOfRow(row + 2 * kRow),
-                              sumOfRow(row + 3 * kRow)),
-                  Four(), results + i);
+        const std::size_t at = 4 * first + v * kWideLanes;
+        lanes[v] = hn::Add(hn::Add(hn::Load(wide, run.sums[0] + at), hn::Load(wide, run.sums[1] + at)),
+                           hn::Add(hn::Load(wide, run.sums[2] + at), hn::Load(wide, run.sums[3] + at)));
     }
+    return sumLanes(lanes);
 }
 
 } // namespace HWY_NAMESPACE

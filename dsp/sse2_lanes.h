@@ -50,8 +50,6 @@ inline SVector IfThenElse(SVector mask, SVector yes, SVector no)
 }
 inline SVector InterleaveLower(STag, SVector a, SVector b) { return {_mm_unpacklo_ps(a.v, b.v)}; }
 inline SVector InterleaveUpper(STag, SVector a, SVector b) { return {_mm_unpackhi_ps(a.v, b.v)}; }
-inline SVector ConcatLowerLower(STag, SVector hi, SVector lo) { return {_mm_movelh_ps(lo.v, hi.v)}; }
-inline SVector ConcatUpperUpper(STag, SVector hi, SVector lo) { return {_mm_movehl_ps(hi.v, lo.v)}; }
 // clang-format on
 
 } // namespace korvodsp::sse2lanes

@@ -7,12 +7,12 @@
 //
 // - A section is taken on while both of its outputs are denormal or zero, which is below 2^23 units, and |a1|
 //   and |a2| are at most 2. Its products then stay below 2^24 units, where single precision knows every unit.
-//   Their sum may be larger; but a section whose output reaches 2^23 units is thrown away and run again in
-//   the ordinary way.
-// - Products of 24 by 23 bits are exact in double precision. Adding and taking away kToInteger rounds them to
-//   units, ties to even, as single precision does. A product that rounds to zero keeps its sign, which
-//   decides on the signs of the zeros that follow.
-// - Sums of integers are exact in both, and zeros of either sign add up alike.
+//   Their sum may be larger; but a run in which an output reaches 2^23 units is done once more in the
+//   ordinary way.
+// - Products of 24 by 23 bits are exact in double precision. Adding kToInteger rounds them to units, ties to
+//   even, as single precision does. Sums of integers are exact in both.
+// - A zero among the outputs is +0 here, where it can be -0 in single precision. That shows nowhere: all that
+//   depends on the sign of a zero is the sign of another one, and the sum over the sections starts at +0.
 //
 // States are taken from single precision and given back by their bits, which are the integers: conversions of
 // denormals may cost as much as the multiplications. GCC's vectors serve all targets with one source.
@@ -24,9 +24,11 @@
 #define KORVO_DSP_TINY_SECTIONS_INL_H_
 #endif
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
 #include "dsp/denormals.h"
 #include "dsp/section_bank-inl.h"
@@ -37,163 +39,268 @@ namespace HWY_NAMESPACE {
 
 constexpr std::size_t kTinyLanes = kWideLanes / 2;
 using Doubles = double __attribute__((vector_size(kTinyLanes * 8)));
-using Words = std::int64_t __attribute__((vector_size(kTinyLanes * 8)));
+using Floats = float __attribute__((vector_size(kTinyLanes * 4)));
 using Bits = std::int32_t __attribute__((vector_size(kTinyLanes * 4))); // of floats
-static_assert(kBankLanes % kTinyLanes == 0);
-
-HWY_INLINE Bits loadBits(const void* p)
-{
-    Bits bits;
-    std::memcpy(&bits, p, sizeof bits);
-    return bits;
-}
-
-HWY_INLINE void storeBits(Bits bits, void* p)
-{
-    std::memcpy(p, &bits, sizeof bits);
-}
+using WideBits = std::int32_t __attribute__((vector_size(kWideLanes * 4)));
 
 constexpr std::int32_t kSign = INT32_MIN;
-constexpr std::int64_t kWordSign = INT64_MIN;
 constexpr auto kExponent = static_cast<std::int32_t>(kExponentBits);
+
+template<class Vector>
+HWY_INLINE Vector loadAs(const void* p)
+{
+    Vector vector;
+    std::memcpy(&vector, p, sizeof vector);
+    return vector;
+}
+
+template<class Vector>
+HWY_INLINE void storeAs(Vector vector, void* p)
+{
+    std::memcpy(p, &vector, sizeof vector);
+}
+
+template<class Vector>
+HWY_INLINE bool any(Vector bits)
+{
+    std::uint64_t words[sizeof bits / sizeof(std::uint64_t)];
+    std::memcpy(words, &bits, sizeof bits);
+    std::uint64_t all = 0;
+    for (const std::uint64_t word : words)
+        all |= word;
+    return all != 0;
+}
 
 /// Denormals, in units.
 HWY_INLINE Doubles unitsOf(Bits denormals)
 {
-    const Doubles magnitude = __builtin_convertvector(denormals & ~kSign, Doubles);
-    return Doubles(Words(magnitude) | (__builtin_convertvector(denormals, Words) & kWordSign));
+    const Bits magnitude = denormals & ~kSign;
+    return __builtin_convertvector(denormals < 0 ? -magnitude : magnitude, Doubles);
 }
+
+/// What is out of range gives INT32_MIN, by the intrinsics' definition.
+HWY_INLINE Bits integersOf(Doubles units)
+{
+#if HWY_TARGET == HWY_AVX3
+    return Bits(_mm512_cvttpd_epi32(units));
+#elif HWY_TARGET == HWY_AVX2
+    return Bits(_mm256_cvttpd_epi32(units));
+#else
+    return loadAs<Bits>(&static_cast<const __m128i&>(_mm_cvttpd_epi32(units)));
+#endif
+}
+
+// INT32_MIN stays what it is.
+#if HWY_TARGET == HWY_AVX3
+HWY_INLINE Bits magnitudeOf(Bits v)
+{
+    return Bits(_mm256_abs_epi32(__m256i(v)));
+}
+HWY_INLINE WideBits magnitudeOf(WideBits v)
+{
+    return WideBits(_mm512_abs_epi32(__m512i(v)));
+}
+#elif HWY_TARGET == HWY_AVX2
+HWY_INLINE Bits magnitudeOf(Bits v)
+{
+    return Bits(_mm_abs_epi32(__m128i(v)));
+}
+HWY_INLINE WideBits magnitudeOf(WideBits v)
+{
+    return WideBits(_mm256_abs_epi32(__m256i(v)));
+}
+#else
+HWY_INLINE Bits magnitudeOf(Bits v)
+{
+    using Unsigned = std::uint32_t __attribute__((vector_size(sizeof(Bits))));
+    const Bits minusOne = v >> 31; // where negative
+    return Bits(Unsigned(v ^ minusOne) - Unsigned(minusOne));
+}
+HWY_INLINE WideBits magnitudeOf(WideBits v)
+{
+    using Unsigned = std::uint32_t __attribute__((vector_size(sizeof(WideBits))));
+    const WideBits minusOne = v >> 31;
+    return WideBits(Unsigned(v ^ minusOne) - Unsigned(minusOne));
+}
+#endif
 
 /// The way back. From 2^23 units on, the bits of the exponent are not all clear.
-HWY_INLINE Bits bitsOf(Doubles units)
+template<class Vector>
+HWY_INLINE Vector bitsOf(Vector integers)
 {
-    const Doubles magnitude = Doubles(Words(units) & ~kWordSign) + 0x1p52; // in the lowest bits
-    return __builtin_convertvector(Words(magnitude), Bits) |
-           (__builtin_convertvector(Words(units) >> 32, Bits) & kSign);
+    return magnitudeOf(integers) | (integers & kSign);
 }
 
-HWY_INLINE Doubles roundedToUnits(Doubles product)
-{
-    const Words rounded = Words((product + kToInteger) - kToInteger);
-    return Doubles((rounded & ~kWordSign) | (Words(product) & kWordSign));
-}
-
-/// Sections of a bank on their way through silence.
-struct STinySections
-{
-    HWY_ALIGN_MAX std::int32_t chosen[kBankLanes]; ///< all bits set for those that are tiny
-    HWY_ALIGN_MAX float y1[kBankLanes];
-    HWY_ALIGN_MAX float y2[kBankLanes];
-    SBankOutputs outputs;
-    bool all; ///< no section of the bank is left
-};
-
-/// Chooses from the first `lanes` of the bank. No section with infinite b0 or b1 is among them: its very
-/// first output was NaN, and before that all are at rest.
-/// @return whether a chosen one is not at rest
-HWY_INLINE bool chooseTiny(const SSectionBank& bank, std::size_t lanes, STinySections& tiny)
+/// Chooses the tiny ones among a bank's sections, and takes their state. No section with infinite b0 or b1 is
+/// among them: its very first output was NaN, and before that all are at rest.
+/// @return whether one of those is not at rest
+HWY_INLINE bool chooseTiny(const SSectionBank& bank, STinySections& tiny)
 {
     constexpr auto kTwo = 0x40000000; // the bits of 2.0F
     Bits alive{};
     Bits left{};
-    for (std::size_t lane = 0; lane < lanes; lane += kTinyLanes)
+    for (std::size_t lane = 0; lane < bank.vectors() * kWideLanes; lane += kTinyLanes)
     {
         const auto field = [&bank, lane](SSectionBank::EField which)
-                               HWY_ATTR { return loadBits(bank.fields[which] + lane) & ~kSign; };
-        const Bits state = field(SSectionBank::kY1) | field(SSectionBank::kY2);
-        const Bits chosen = ((state & kExponent) == 0) & (field(SSectionBank::kA1) <= kTwo) &
-                            (field(SSectionBank::kA2) <= kTwo);
-        storeBits(chosen, tiny.chosen + lane);
-        alive |= state & chosen;
+                               HWY_ATTR { return loadAs<Bits>(bank.fields[which] + lane); };
+        const Bits y1 = field(SSectionBank::kY1);
+        const Bits y2 = field(SSectionBank::kY2);
+        const Bits a1 = field(SSectionBank::kA1);
+        const Bits a2 = field(SSectionBank::kA2);
+        const Bits chosen =
+            (((y1 | y2) & kExponent) == 0) & ((a1 & ~kSign) <= kTwo) & ((a2 & ~kSign) <= kTwo);
+        storeAs(chosen, tiny.chosen + lane);
+        storeAs(__builtin_convertvector(Floats(a1 & chosen), Doubles), tiny.a1 + lane);
+        storeAs(-__builtin_convertvector(Floats(a2 & chosen), Doubles), tiny.minusA2 + lane);
+        storeAs(unitsOf(y1 & chosen), tiny.y1 + lane);
+        storeAs(unitsOf(y2 & chosen), tiny.y2 + lane);
+        alive |= (y1 | y2) & ~kSign & chosen;
         left |= ~chosen;
     }
-    std::int32_t anyAlive = 0;
-    std::int32_t anyLeft = 0;
-    for (std::size_t i = 0; i < kTinyLanes; ++i)
+    tiny.all = !any(left);
+    return any(alive);
+}
+
+/// Takes the tiny ones among a bank's sections over, and leaves them at rest in the bank.
+/// @return false, with nothing done, if all of those are at rest
+HWY_INLINE bool takeTiny(SSectionBank& bank)
+{
+    STinySections& tiny = bank.tiny;
+    if (!chooseTiny(bank, tiny))
+        return false;
+    for (std::size_t lane = 0; lane < bank.vectors() * kWideLanes; lane += kTinyLanes)
     {
-        anyAlive |= alive[i];
-        anyLeft |= left[i];
+        const Bits chosen = loadAs<Bits>(tiny.chosen + lane);
+        const auto hide = [chosen, lane](float* state, float* kept) HWY_ATTR {
+            const Bits bits = loadAs<Bits>(state + lane);
+            storeAs(bits, kept + lane);
+            storeAs(bits & ~chosen, state + lane);
+        };
+        hide(bank.fields[SSectionBank::kY1], tiny.keptY1);
+        hide(bank.fields[SSectionBank::kY2], tiny.keptY2);
     }
-    tiny.all = anyLeft == 0;
-    return anyAlive != 0;
+    return true;
 }
 
-/// Runs the chosen sections among kTinyLanes, from `lane` on, over silence.
-/// @return their outputs, all or-ed together
-HWY_INLINE Bits runTinyLanes(const SSectionBank& bank, std::size_t lane, std::size_t frames,
-                             STinySections& tiny)
+/// Gives them back.
+HWY_INLINE void giveTinyBack(SSectionBank& bank)
 {
-    const auto coefficients = [&bank, lane](SSectionBank::EField which) HWY_ATTR {
-        using Floats = float __attribute__((vector_size(kTinyLanes * 4)));
-        return __builtin_convertvector(Floats(loadBits(bank.fields[which] + lane)), Doubles);
-    };
-    const Doubles b0 = coefficients(SSectionBank::kB0);
-    const Doubles b1 = coefficients(SSectionBank::kB1);
-    const Doubles a1 = coefficients(SSectionBank::kA1);
-    const Doubles a2 = coefficients(SSectionBank::kA2);
-    const Bits chosen = loadBits(tiny.chosen + lane);
-    Doubles y1 = unitsOf(loadBits(bank.fields[SSectionBank::kY1] + lane) & chosen);
-    Doubles y2 = unitsOf(loadBits(bank.fields[SSectionBank::kY2] + lane) & chosen);
-    Bits seen{};
-    double previous = bank.delayed[-1];
-    for (std::size_t i = 0; i < frames; ++i)
+    const STinySections& tiny = bank.tiny;
+    for (std::size_t lane = 0; lane < bank.vectors() * kWideLanes; lane += kTinyLanes)
     {
-        const double x = bank.delayed[i]; // zeros have signs, too
-        const Doubles forward = b0 * x + b1 * previous;
-        const Doubles back = roundedToUnits(a1 * y1) + roundedToUnits(a2 * y2);
-        previous = x;
-        y2 = y1;
-        y1 = forward - back;
-        const Bits output = bitsOf(y1);
-        storeBits(output, tiny.outputs.rows[i] + lane);
-        seen |= output;
+        const Bits chosen = loadAs<Bits>(tiny.chosen + lane);
+        const auto give = [chosen](Bits bits, float* to)
+                              HWY_ATTR { storeAs((bits & chosen) | (loadAs<Bits>(to) & ~chosen), to); };
+        give(bitsOf(integersOf(loadAs<Doubles>(tiny.y1 + lane))), bank.fields[SSectionBank::kY1] + lane);
+        give(bitsOf(integersOf(loadAs<Doubles>(tiny.y2 + lane))), bank.fields[SSectionBank::kY2] + lane);
     }
-    storeBits(bitsOf(y1), tiny.y1 + lane);
-    storeBits(bitsOf(y2), tiny.y2 + lane);
-    return seen & chosen;
 }
 
-/// Runs the chosen sections over at most kGroup samples of silence; the bank stays as it was.
-/// @return false if one of them has left the denormals
-HWY_INLINE bool runTiny(const SSectionBank& bank, std::size_t lanes, std::size_t frames, STinySections& tiny)
+/// All of the bank as it was before takeTiny().
+HWY_INLINE void forgetTiny(SSectionBank& bank)
 {
-    Bits seen{};
-    for (std::size_t lane = 0; lane < lanes; lane += kTinyLanes)
-        seen |= runTinyLanes(bank, lane, frames, tiny);
-    std::int32_t any = 0;
-    for (std::size_t i = 0; i < kTinyLanes; ++i)
-        any |= seen[i];
-    return (any & kExponent) == 0;
+    const std::size_t lanes = bank.vectors() * kWideLanes;
+    std::copy_n(bank.tiny.keptY1, lanes, bank.fields[SSectionBank::kY1]);
+    std::copy_n(bank.tiny.keptY2, lanes, bank.fields[SSectionBank::kY2]);
 }
 
-/// Puts the chosen sections to rest, for the others to run without them.
-HWY_INLINE void hideTiny(SSectionBank& bank, std::size_t lanes, const STinySections& tiny)
+/// Takes a bank's tiny sections on by one sample of silence after the other. Their outputs stay integers.
+template<std::size_t vectors>
+class CTinySteps
 {
-    for (const std::size_t state : {SSectionBank::kY1, SSectionBank::kY2})
+public:
+    using Work = SSectionBank;
+
+    HWY_INLINE explicit CTinySteps(SSectionBank& bank) : m_bank(bank), m_done(bank.done)
     {
-        for (std::size_t lane = 0; lane < lanes; lane += kTinyLanes)
+        for (std::size_t v = 0; v < kVectors; ++v)
         {
-            float* hidden = bank.fields[state] + lane;
-            storeBits(loadBits(hidden) & ~loadBits(tiny.chosen + lane), hidden);
+            m_y1[v] = loadAs<Doubles>(bank.tiny.y1 + v * kTinyLanes);
+            m_y2[v] = loadAs<Doubles>(bank.tiny.y2 + v * kTinyLanes);
+            m_back2[v] = loadAs<Doubles>(bank.tiny.minusA2 + v * kTinyLanes) * m_y2[v] + kToInteger;
         }
     }
+
+    HWY_INLINE void step()
+    {
+        stepVectors(lanesOf(m_done), std::make_index_sequence<kVectors>());
+        ++m_done;
+    }
+
+    /// Puts the state back.
+    HWY_INLINE void finish()
+    {
+        for (std::size_t v = 0; v < kVectors; ++v)
+        {
+            storeAs(m_y1[v], m_bank.tiny.y1 + v * kTinyLanes);
+            storeAs(m_y2[v], m_bank.tiny.y2 + v * kTinyLanes);
+        }
+        m_bank.done = m_done;
+    }
+
+private:
+    static constexpr std::size_t kVectors = vectors * kWideLanes / kTinyLanes;
+
+    template<std::size_t... v>
+    HWY_INLINE void stepVectors(std::size_t lanes, std::index_sequence<v...>)
+    {
+        (stepVector<v>(lanes), ...);
+    }
+
+    template<std::size_t v>
+    HWY_INLINE void stepVector(std::size_t lanes)
+    {
+        const STinySections& tiny = m_bank.tiny;
+        const Doubles y1 = m_y1[v];
+        m_y1[v] = m_back2[v] - (loadAs<Doubles>(tiny.a1 + v * kTinyLanes) * y1 + kToInteger);
+        m_back2[v] = loadAs<Doubles>(tiny.minusA2 + v * kTinyLanes) * y1 + kToInteger;
+        m_y2[v] = y1;
+        constexpr std::size_t kFirst = v * kTinyLanes;
+        storeGroups(integersOf(m_y1[v]),
+                    m_bank.outputs[kFirst / kSectionsPerGroup] + lanes + kFirst % kSectionsPerGroup);
+    }
+
+    HWY_INLINE static void storeGroups(Bits output, float* place)
+    {
+#if HWY_TARGET == HWY_AVX3
+        storeAs(_mm256_castsi256_si128(__m256i(output)), place);
+        storeAs(_mm256_extracti128_si256(__m256i(output), 1), place + kLanesOfRun);
+#else
+        storeAs(output, place);
+#endif
+    }
+
+    SSectionBank& m_bank;
+    std::size_t m_done;
+    Doubles m_y1[kVectors], m_y2[kVectors];
+    Doubles m_back2[kVectors]; ///< -a2 y2, rounded, plus kToInteger
+};
+
+/// The next `frames` samples of silence.
+template<std::size_t vectors>
+HWY_NOINLINE void runSilence(SSectionBank& bank, std::size_t frames)
+{
+    CTinySteps<vectors> steps(bank);
+    for (std::size_t i = 0; i < frames; ++i)
+        steps.step();
+    steps.finish();
 }
 
-/// Gives the chosen sections their places among the others.
-HWY_INLINE void mergeTiny(const STinySections& tiny, std::size_t lanes, std::size_t frames,
-                          SSectionBank& bank, SBankOutputs& outputs)
+/// Makes floats of the integers that the steps of a run have left as outputs.
+/// @return false if a section has grown beyond denormals
+HWY_INLINE bool finishTinyOutputs(SSectionBank& bank)
 {
-    for (std::size_t lane = 0; lane < lanes; lane += kTinyLanes)
+    WideBits seen{};
+    for (std::size_t g = 0; g < bank.groups; ++g)
     {
-        const Bits chosen = loadBits(tiny.chosen + lane);
-        const auto merge = [chosen](const float* from, float* to) HWY_ATTR {
-            storeBits((loadBits(from) & chosen) | (loadBits(to) & ~chosen), to);
-        };
-        merge(tiny.y1 + lane, bank.fields[SSectionBank::kY1] + lane);
-        merge(tiny.y2 + lane, bank.fields[SSectionBank::kY2] + lane);
-        for (std::size_t i = 0; i < frames; ++i)
-            merge(tiny.outputs.rows[i] + lane, outputs.rows[i] + lane);
+        for (std::size_t i = 0; i < lanesFor(bank.done); i += kWideLanes)
+        {
+            const WideBits bits = bitsOf(loadAs<WideBits>(bank.outputs[g] + i));
+            storeAs(bits, bank.outputs[g] + i);
+            seen |= bits;
+        }
     }
+    return !any(seen & kExponent);
 }
 
 } // namespace HWY_NAMESPACE

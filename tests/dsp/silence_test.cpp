@@ -100,11 +100,19 @@ std::vector<float> makeDecays(std::mt19937& random, unsigned count)
     return coefs;
 }
 
-void expectPlainBits(const SKernelVariant& variant, const std::vector<float>& sections,
-                     const std::vector<float>& signal, std::mt19937& random, unsigned maxBlock = 200)
+/// The signs of zeros inside of a filter reach its output never.
+std::vector<float> withoutZeroSigns(std::vector<float> state)
 {
-    const korvotest::FiirHandle subject = korvotest::makeFiir(kInitSSE, {0.5F, -0.25F, 0.125F}, sections);
-    const korvotest::FiirHandle plain = korvotest::makeFiir(kInitSSE, {0.5F, -0.25F, 0.125F}, sections);
+    std::replace(state.begin(), state.end(), -0.0F, 0.0F);
+    return state;
+}
+
+void expectPlainBits(const SKernelVariant& variant, const std::vector<float>& taps,
+                     const std::vector<float>& sections, const std::vector<float>& signal,
+                     std::mt19937& random, unsigned maxBlock)
+{
+    const korvotest::FiirHandle subject = korvotest::makeFiir(kInitSSE, taps, sections);
+    const korvotest::FiirHandle plain = korvotest::makeFiir(kInitSSE, taps, sections);
     std::vector<float> actual(signal.size());
     std::vector<float> expected(signal.size());
     for (std::size_t from = 0; from < signal.size();)
@@ -116,7 +124,20 @@ void expectPlainBits(const SKernelVariant& variant, const std::vector<float>& se
         from += frames;
     }
     ASSERT_TRUE(korvotest::sameBits(actual, expected));
-    EXPECT_TRUE(korvotest::sameBits(korvotest::stateOf(subject), korvotest::stateOf(plain)));
+    EXPECT_TRUE(korvotest::sameBits(withoutZeroSigns(korvotest::stateOf(subject)),
+                                    withoutZeroSigns(korvotest::stateOf(plain))));
+}
+
+/// With a ring for which sections run alone, and one for which they run along with the sums.
+void expectPlainBits(const SKernelVariant& variant, const std::vector<float>& sections,
+                     const std::vector<float>& signal, std::mt19937& random, unsigned maxBlock = 200)
+{
+    for (const unsigned taps : {3U, 150U})
+    {
+        SCOPED_TRACE(taps);
+        ASSERT_NO_FATAL_FAILURE(
+            expectPlainBits(variant, korvotest::makeNoise(random, taps), sections, signal, random, maxBlock));
+    }
 }
 
 using Silence = korvotest::CVariantTest;
