@@ -33,6 +33,9 @@ void CFilteringEngine::initFilters(const unsigned* rates, unsigned count)
             slot.current.store(nullptr, std::memory_order_relaxed);
             slot.pending.store(nullptr, std::memory_order_relaxed);
         }
+        dsp.slots.clear();
+        for (auto& [rate, slot] : dsp.filterMap)
+            dsp.slots.push_back({rate, &slot});
     }
 }
 
@@ -290,8 +293,9 @@ bool CFilteringEngine::process(bool bypass, const float* in, float* out, unsigne
 
 void CFilteringEngine::runSlots(SDspFilter& dsp, bool filterWanted, const SBlock& block, void** retired)
 {
-    for (auto& [rate, slot] : dsp.filterMap)
+    for (const auto& [rate, slotOfRate] : dsp.slots)
     {
+        SFilterSlot& slot = *slotOfRate;
         // One look at the slot for the whole block. Pending: acquire, with the release of
         // setFilterForChannel. Current: stored by this very thread, or while it was not running.
         const SSlotSnapshot snapshot{slot.current.load(std::memory_order_relaxed),

@@ -110,6 +110,12 @@ private:
         std::atomic<void*> pending = nullptr; ///< written by the control thread, cleared by the audio thread
     };
 
+    struct SRatedSlot
+    {
+        std::uint32_t rate;
+        SFilterSlot* slot;
+    };
+
     /// What one block knows of a slot, however the control thread changes it meanwhile.
     struct SSlotSnapshot
     {
@@ -123,6 +129,7 @@ private:
         void setDelayToZero();
 
         std::map<std::uint32_t, SFilterSlot> filterMap; ///< by sample rate
+        std::vector<SRatedSlot> slots;                  ///< the same in a row, for process()
         std::atomic<float> delayMs = 0.0F;
         std::atomic<float> gain = 1.0F;
         std::unique_ptr<float[]> delayBuffer;
