@@ -34,6 +34,7 @@ void CFilteringEngine::initFilters(const unsigned* rates, unsigned count)
             slot.pending.store(nullptr, std::memory_order_relaxed);
         }
         dsp.slots.clear();
+        dsp.slots.reserve(dsp.filterMap.size());
         for (auto& [rate, slot] : dsp.filterMap)
             dsp.slots.push_back({rate, &slot});
     }
