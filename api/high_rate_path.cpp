@@ -41,10 +41,15 @@ void delay(const SHighRateChannel& channel, const SHighRateBlock& block, uint32_
     for (uint32_t frame = 0; frame < block.frames;)
     {
         const uint32_t run = std::min(block.frames - frame, index + 1);
-        for (uint32_t i = 0; i < run; ++i, in += stride, out += stride)
+        float* slot = channel.delayBuffer + index;
+#pragma GCC unroll 8
+        for (uint32_t i = 0; i < run; ++i)
         {
-            *out = channel.delayBuffer[index - i];
-            channel.delayBuffer[index - i] = *in;
+            *out = *slot;
+            *slot = *in;
+            --slot;
+            in += stride;
+            out += stride;
         }
         index = run <= index ? index - run : totalDelay;
         frame += run;

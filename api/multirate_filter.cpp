@@ -60,10 +60,18 @@ void fillBanks(const FIR_MULTIRATE_FILTER_tag& filter, const SPhases& phases, st
 
 void prepare(FIR_MULTIRATE_FILTER_tag& filter, const SPhases& phases)
 {
+    const std::size_t ratio = std::max(filter.ratio, uint32_t{1});
     for (std::size_t bank = 0; bank < 4 * phases.count; ++bank)
-        reallocate(filter.banks[bank], 2 * phases.paddedTaps);
+    {
+        const bool isFirst = bank % 4 == 0;
+        reallocate(filter.banks[bank],
+                   isFirst ? korvodsp::firstBankSize(phases.paddedTaps, ratio) : 2 * phases.paddedTaps);
+    }
     for (std::size_t phase = 0; phase < phases.count; ++phase)
+    {
         fillBanks(filter, phases, phase);
+        korvodsp::completeFirstBank(filter.banks[4 * phase], phases.paddedTaps, ratio);
+    }
     reallocate(filter.delayLine, std::max(phases.paddedTaps, static_cast<std::size_t>(filter.length) + 1));
     filter.paddedLength = static_cast<uint32_t>(phases.paddedTaps);
 }

@@ -11,7 +11,8 @@ namespace korvo {
 /// krv_malloc(), 16-byte aligned; `coefs` is a constant table and not owned.
 ///
 ///   bank 4p + r    phase p of the taps, coefs[P * j + p] for j = 0 .. T-1, padded with zeros to L and
-///                  rotated right by r places, twice in a row: 2L floats; P phases of T taps each
+///                  rotated right by r places, twice in a row: 2L floats; P phases of T taps each. Behind
+///                  them, bank 4p goes on as completeFirstBank() fills it
 ///   delayLine      a ring, of which the first L floats are used; written at falling positions
 struct FIR_MULTIRATE_FILTER_tag
 {

@@ -19,18 +19,21 @@ constexpr unsigned kFrames = 256;
 class CRingSubject
 {
 public:
-    CRingSubject(unsigned length, unsigned phases)
-        : m_length(length),
-          m_memory(
-              static_cast<float*>(korvodsp::alignedAllocZeroed((8 * phases + 1) * length * sizeof(float))),
-              korvodsp::alignedFree),
-          m_in(korvotest::makeNoise(m_random, kFrames)), m_out(kFrames)
+    CRingSubject(unsigned length, unsigned phases, unsigned ratio)
+        : m_length(length), m_in(korvotest::makeNoise(m_random, kFrames)), m_out(kFrames)
     {
+        const std::size_t bankSize = korvodsp::firstBankSize(length, ratio);
+        m_memory.reset(static_cast<float*>(
+            korvodsp::alignedAllocZeroed((4 * phases * bankSize + length) * sizeof(float))));
         for (unsigned bank = 0; bank < 4 * phases; ++bank)
-            m_banks.push_back(m_memory.get() + 2 * bank * length);
-        for (unsigned i = 0; i < 8 * phases * length; ++i)
-            m_memory.get()[i] = m_in[i % kFrames];
-        m_ring = {m_memory.get() + 8 * phases * length, length, 0};
+        {
+            float* const taps = m_memory.get() + bank * bankSize;
+            for (unsigned i = 0; i < 2 * length; ++i)
+                taps[i] = m_in[i % kFrames];
+            korvodsp::completeFirstBank(taps, length, ratio);
+            m_banks.push_back(taps);
+        }
+        m_ring = {m_memory.get() + 4 * phases * bankSize, length, 0};
     }
 
     void filter() { korvodsp::ringFilter(m_ring, m_banks.data(), in(), out(), kFrames, 1.0F); }
@@ -65,7 +68,7 @@ private:
 
     std::mt19937 m_random{9};
     unsigned m_length;
-    std::unique_ptr<float, decltype(&korvodsp::alignedFree)> m_memory;
+    std::unique_ptr<float, decltype(&korvodsp::alignedFree)> m_memory{nullptr, korvodsp::alignedFree};
     std::vector<const float*> m_banks;
     korvodsp::SRing m_ring{};
     std::vector<float> m_in;
@@ -82,15 +85,15 @@ bool registerRingRows()
         const unsigned lowPass = ratio == 2 ? 44 : 84;
         const unsigned phase = ratio == 2 ? 24 : 44;
         korvobench::registerRow({"high-pass" + by, plain}, [=] {
-            CRingSubject ring(highPass, 1);
+            CRingSubject ring(highPass, 1, ratio);
             return korvobench::speedUp([&] { ring.filter(); }, [&] { ring.plain(kFrames, 1, 1); });
         });
         korvobench::registerRow({"decimator" + by, plain}, [=] {
-            CRingSubject ring(lowPass, 1);
+            CRingSubject ring(lowPass, 1, ratio);
             return korvobench::speedUp([&] { ring.decimate(ratio); }, [&] { ring.plain(kFrames, ratio, 1); });
         });
         korvobench::registerRow({"interpolator" + by, plain}, [=] {
-            CRingSubject ring(phase, ratio);
+            CRingSubject ring(phase, ratio, ratio);
             return korvobench::speedUp([&] { ring.interpolate(ratio); },
                                        [&] { ring.plain(kFrames / ratio, 1, ratio); });
         });

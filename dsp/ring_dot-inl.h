@@ -7,6 +7,8 @@
 // outputs, which lie side by side in the table, since a step in time is a step in the table. The sixteen
 // running sums of an output are sixteen vectors, and they are added up without a sum across lanes. Each lane
 // goes through the fixed order of summation.
+//
+// Loads are what limits this: two for each product, most of those of taps across a cache line.
 
 #if defined(KORVO_DSP_RING_DOT_INL_H_) == defined(HWY_TARGET_TOGGLE)
 #ifdef KORVO_DSP_RING_DOT_INL_H_
@@ -17,177 +19,213 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <iterator>
+#include <utility>
 
 #include "dsp/ring_dot.h"
 #include "dsp/ring_fir-inl.h"
+#include "dsp/ring_history-inl.h"
 
 HWY_BEFORE_NAMESPACE();
 namespace korvodsp {
 namespace HWY_NAMESPACE {
 
-/// Outputs of a row, one per lane.
-constexpr std::size_t kRowOutputs = kWideLanes;
-/// Running sums that are kept in registers at a time: those of a0 and a1, then those of a2 and a3.
-constexpr std::size_t kHalfRow = kRow / 2;
-/// Phases of an interpolator that are served in rows.
-constexpr unsigned kMaxPhases = 4;
-/// Longer rings go one sample at a time. No stage has one.
-constexpr std::size_t kMaxRing = 256;
+static_assert(kRingRow == kRow);
 
-/// What a row of outputs sees in each slot of the ring. A row takes in `every` samples for each of its
-/// outputs, the first of which goes to the ring's index.
-template<std::size_t every>
-class CRingView
+/// Running sums that are kept in registers at a time. Twice as many are no faster where they would fit.
+constexpr std::size_t kSumsAtATime = 8;
+
+/// 0, 1, 2, ... as floats to compare lanes with, and kSumsAtATime of their negatives before.
+struct STurns
 {
-public:
-    static constexpr std::size_t kSamples = every * kRowOutputs;
+    float values[kMaxRowSamples + 3 * kSumsAtATime];
 
-    /// Whether a ring is long enough for no sample of a row to go where another one went.
-    static bool canView(const SRing& ring) { return ring.length >= kSamples && ring.length <= kMaxRing; }
-
-    HWY_INLINE explicit CRingView(const SRing& ring) : m_length(ring.length)
+    constexpr STurns() : values()
     {
-        for (std::size_t slot = 0; slot < m_length; ++slot)
-            hn::Store(hn::Set(Wide(), ring.samples[slot]), Wide(), m_seen[slot]);
+        for (std::size_t i = 0; i < std::size(values); ++i)
+            values[i] = static_cast<float>(i) - kSumsAtATime;
     }
-
-    /// Lets the next row take in `count` samples. Each is new to the outputs that come with it or after it,
-    /// while those before see what was in its slot.
-    HWY_INLINE void take(const SRing& ring, const float* samples, std::size_t stride, std::size_t count)
-    {
-        for (std::size_t turn = 0; turn < count; ++turn)
-        {
-            const std::size_t slot = slotOf(ring, turn);
-            const auto older = hn::FirstN(Wide(), turn / every);
-            m_fresh[turn] = samples[turn * stride];
-            hn::Store(
-                hn::IfThenElse(older, hn::Set(Wide(), ring.samples[slot]), hn::Set(Wide(), m_fresh[turn])),
-                Wide(), m_seen[slot]);
-        }
-    }
-
-    /// Moves them into the ring when the row is done, and steps its index down.
-    HWY_INLINE void settle(SRing& ring, std::size_t count)
-    {
-        for (std::size_t turn = 0; turn < count; ++turn)
-        {
-            const std::size_t slot = slotOf(ring, turn);
-            ring.samples[slot] = m_fresh[turn];
-            hn::Store(hn::Set(Wide(), m_fresh[turn]), Wide(), m_seen[slot]);
-        }
-        ring.index = static_cast<int>(slotOf(ring, count));
-    }
-
-    HWY_INLINE WideVector in(std::size_t slot) const { return hn::Load(Wide(), m_seen[slot]); }
-    std::size_t length() const { return m_length; }
-
-private:
-    static std::size_t slotOf(const SRing& ring, std::size_t turn)
-    {
-        const auto index = static_cast<std::size_t>(ring.index);
-        return index >= turn ? index - turn : index + ring.length - turn;
-    }
-
-    HWY_ALIGN_MAX float m_seen[kMaxRing][kRowOutputs];
-    std::size_t m_length;
-    float m_fresh[kSamples];
+    const float* from(std::size_t turn) const { return values + kSumsAtATime + turn; }
 };
+constexpr STurns kTurns;
 
-/// The taps of one phase for rows whose outputs are `every` samples apart: each every-th tap side by side,
-/// and the table so long that no row goes round its end.
-template<std::size_t every>
-class CTapTable
+/// The dot products of a row of outputs, one per lane, that take in `every` samples each. All `phases` see
+/// the same samples.
+template<std::size_t every, std::size_t phases>
+class CRow
 {
 public:
-    HWY_INLINE void fill(const float* bank, std::size_t length)
+    static constexpr std::size_t kSamples = every * kWideLanes;
+
+    /// Whether a ring is long enough for no sample of a row to go where another one went, nor close behind.
+    static bool fits(const SRing& ring)
     {
-        m_length = length;
-        // The bank holds two periods, and `every` divides a period: each phase goes round in itself.
-        const std::size_t period = length / every;
-        for (std::size_t phase = 0; phase < every; ++phase)
-        {
-            float* const taps = m_taps[phase];
-            for (std::size_t i = 0; i < 2 * period; ++i)
-                taps[i] = bank[i * every + phase];
-            // Another period's begin, wherever the row that starts in the last slot ends.
-            std::copy_n(taps, period, taps + 2 * period);
-        }
+        return ring.length >= kSamples + kSumsAtATime && ring.length <= kMaxRing;
     }
 
-    /// The taps that meet the slots in a row whose first output is taken at `position`.
-    class CMeeting
+    /// @param newest    the row's first sample in the history
+    /// @param slot      and its slot in the ring
+    /// @param position  ring position of the dot product that would come with it
+    /// @param taps      of each phase, as outputs that far apart meet them
+    HWY_INLINE CRow(const float* newest, std::size_t slot, std::size_t length, std::size_t position,
+                    const float* const (&taps)[phases])
+        : m_newest(newest), m_slot(slot), m_length(length)
     {
-    public:
-        HWY_INLINE CMeeting(const CTapTable& table, std::size_t position)
+        for (std::size_t k = 0; k < every; ++k)
         {
             // The first output is taken when the last of its samples is in.
-            for (std::size_t k = 0; k < every; ++k)
-            {
-                const std::size_t tap = table.m_length - position + every - 1 + k;
-                m_first[k] = table.m_taps[tap % every] + tap / every;
-            }
+            const std::size_t tap = length - position + every - 1 + k;
+            for (std::size_t phase = 0; phase < phases; ++phase)
+                m_taps[phase][k] = taps[phase] + tap % every * spacedTapsSize(length, every) + tap / every;
         }
-        /// @param block  a multiple of `every`
-        template<std::size_t k>
-        HWY_INLINE WideVector with(std::size_t block) const
-        {
-            return hn::LoadU(Wide(), m_first[k % every] + (block + k) / every);
-        }
+    }
 
-    private:
-        const float* m_first[every];
-    };
+    HWY_INLINE void sum(WideVector (&results)[phases]) const
+    {
+        WideVector pairs[phases][kRow / 2];
+        sumPairs(pairs, std::make_index_sequence<kRow / kSums>());
+        for (std::size_t phase = 0; phase < phases; ++phase)
+        {
+            const WideVector(&pair)[kRow / 2] = pairs[phase];
+            results[phase] = hn::Add(pair[0], pair[4]);
+            for (std::size_t lane = 1; lane < 4; ++lane)
+                results[phase] = hn::Add(results[phase], hn::Add(pair[lane], pair[4 + lane]));
+        }
+    }
 
 private:
-    std::size_t m_length;
-    float m_taps[every][3 * kMaxRing / every];
+    /// Running sums of each phase, and slots that are multiplied in one go.
+    static constexpr std::size_t kSums = kSumsAtATime / phases;
+    using Sums = WideVector[phases][kSums];
+    /// The lanes of a0 + a1, and those of a2 + a3.
+    using Pairs = WideVector[phases][kRow / 2];
+
+    template<std::size_t... i>
+    HWY_INLINE void sumPairs(Pairs& pairs, std::index_sequence<i...>) const
+    {
+        (sumFrom<i * kSums>(pairs, std::make_index_sequence<kSums>()), ...);
+    }
+
+    template<std::size_t first, std::size_t... k>
+    HWY_INLINE void sumFrom(Pairs& pairs, std::index_sequence<k...> slots) const
+    {
+        Sums sums;
+        for (std::size_t phase = 0; phase < phases; ++phase)
+            ((sums[phase][k] = hn::Zero(Wide())), ...);
+        const std::size_t rest = m_length & ~(kRow - 1);
+        addSlots<kRow>(sums, first, rest, slots);
+        if constexpr (first < 4) // all of the rest goes into a0
+            addSlots<4>(sums, rest + first, m_length,
+                        std::make_index_sequence<std::min<std::size_t>(kSums, 4)>());
+        for (std::size_t phase = 0; phase < phases; ++phase)
+            (addToPair<first + k>(pairs[phase], sums[phase][k]), ...);
+    }
+
+    template<std::size_t which>
+    HWY_INLINE static void addToPair(WideVector (&pairs)[kRow / 2], WideVector sum)
+    {
+        WideVector& pair = pairs[which / 8 * 4 + which % 4];
+        pair = which / 4 % 2 == 0 ? sum : hn::Add(pair, sum);
+    }
+
+    /// Every step-th slot with the ones next to it. Up to the newest sample, slots are either far enough
+    /// ahead of the row to hold what they held before, or near enough for outputs to differ in what they see;
+    /// above it the same again, one round earlier.
+    template<std::size_t step, std::size_t... k>
+    HWY_INLINE void addSlots(Sums& sums, std::size_t slot, std::size_t end,
+                             std::index_sequence<k...> /*slots*/) const
+    {
+        constexpr std::size_t near = kSamples + sizeof...(k) - 1;
+        std::size_t newest = m_slot;
+        const float* now = m_newest - newest * kCopies;
+        for (int round = 0; round < 2; ++round)
+        {
+            const float* const before = now + m_length * kCopies;
+            // Copies are made to hold what the outputs see, and need no such difference.
+            for (; slot < end && slot + (kCopies == 1 ? near : 0) <= newest; slot += step)
+                (addProducts<k>(sums, slot, inAllLanes(before + (slot + k) * kCopies)), ...);
+            if constexpr (kCopies == 1)
+                for (; slot < end && slot <= newest; slot += step)
+                    (addProducts<k>(sums, slot,
+                                    seen(before + slot + k, now + slot + k, kTurns.from(newest - slot) - k)),
+                     ...);
+            newest += m_length;
+            now -= m_length * kCopies;
+        }
+    }
+
+    /// The sample of this turn is new to the outputs that come with it or after it, while those before see
+    /// what was in its slot.
+    HWY_INLINE static WideVector seen(const float* before, const float* now, const float* turn)
+    {
+        const WideVector samplesTaken = hn::Mul(hn::Iota(Wide(), 1.0F), hn::Set(Wide(), every));
+        return hn::IfThenElse(hn::Le(samplesTaken, hn::Set(Wide(), *turn)), hn::Set(Wide(), *before),
+                              hn::Set(Wide(), *now));
+    }
+
+    template<std::size_t k>
+    HWY_INLINE void addProducts(Sums& sums, std::size_t slot, WideVector samples) const
+    {
+        for (std::size_t phase = 0; phase < phases; ++phase)
+        {
+            const WideVector taps = hn::LoadU(Wide(), m_taps[phase][k % every] + (slot + k) / every);
+            sums[phase][k] = hn::Add(sums[phase][k], hn::Mul(samples, taps));
+        }
+    }
+
+    const float* const m_newest;
+    const std::size_t m_slot;
+    const std::size_t m_length;
+    const float* m_taps[phases][every];
 };
 
-/// One product for each of as many sums, for as many slots from `slot` on.
-template<class View, class Meeting, std::size_t... k>
-HWY_INLINE void addProducts(WideVector (&sums)[kHalfRow], const View& view, const Meeting& taps,
-                            std::size_t slot, std::index_sequence<k...>)
+HWY_INLINE void give(const float* results, std::size_t count, float* out, std::size_t step)
 {
-    ((sums[k] = hn::Add(sums[k], hn::Mul(view.in(slot + k), taps.template with<k>(slot)))), ...);
-}
-
-/// The four lanes of a0 + a1, or of a2 + a3 from half a block on.
-template<std::size_t half, class View, class Meeting>
-HWY_INLINE void sumHalves(const View& view, const Meeting& taps, WideVector (&lanes)[4])
-{
-    const std::size_t rest = view.length() & ~(kRow - 1);
-    WideVector sums[kHalfRow];
-    for (WideVector& sum : sums)
-        sum = hn::Zero(Wide());
-    for (std::size_t slot = half; slot < rest; slot += kRow)
-        addProducts(sums, view, taps, slot, std::make_index_sequence<kHalfRow>());
-    for (std::size_t slot = rest; half == 0 && slot < view.length(); slot += 4)
-        addProducts(sums, view, taps, slot, std::make_index_sequence<4>()); // all of it into a0
-    for (std::size_t lane = 0; lane < 4; ++lane)
-        lanes[lane] = hn::Add(sums[lane], sums[4 + lane]);
-}
-
-/// The dot products of a row of outputs.
-template<class View, class Meeting>
-HWY_INLINE WideVector sumRow(const View& view, const Meeting& taps)
-{
-    WideVector lower[4];
-    WideVector upper[4];
-    sumHalves<0>(view, taps, lower);
-    sumHalves<kHalfRow>(view, taps, upper);
-    WideVector sum = hn::Add(lower[0], upper[0]);
-    for (std::size_t lane = 1; lane < 4; ++lane)
-        sum = hn::Add(sum, hn::Add(lower[lane], upper[lane]));
-    return sum;
-}
-
-/// row[i] * scale, one every `step` floats.
-HWY_INLINE void giveScaled(WideVector row, std::size_t count, float scale, float* out, std::size_t step)
-{
-    HWY_ALIGN_MAX float results[kRowOutputs];
-    hn::Store(hn::Mul(row, hn::Set(Wide(), scale)), Wide(), results);
+#pragma GCC unroll 8
     for (std::size_t i = 0; i < count; ++i)
         out[i * step] = results[i];
+}
+
+/// For every `every` samples an output of each phase, one after the other. Frames that are left over at the
+/// end are not touched.
+/// @param late  how far the index has stepped down when the dot product is taken
+template<std::size_t every, std::size_t phases>
+HWY_INLINE void sumRows(SRing& ring, const float* const (&taps)[phases], std::size_t late, SConstColumn in,
+                        SColumn out, std::size_t frames, float scale)
+{
+    using Row = CRow<every, phases>;
+    using Turns = std::make_index_sequence<Row::kSamples>;
+    HWY_ALIGN_MAX float results[phases][kMaxChunk / every];
+    const std::size_t wanted = frames / every;
+    for (std::size_t done = 0; done < wanted;)
+    {
+        const std::size_t outputs = std::min((wanted - done + phases - 1) / phases, kMaxChunk / every);
+        std::size_t slot = static_cast<std::size_t>(ring.index);
+        CHistory history(ring);
+        history.take(ring, in.samples + done / phases * every * in.stride, in.stride, outputs * every,
+                     (kWideLanes - outputs % kWideLanes) % kWideLanes * every);
+        history.settle(ring, outputs * every);
+        float* newest = history.at(slot);
+        for (std::size_t i = 0; i < outputs; i += kWideLanes)
+        {
+            const std::size_t position = (slot >= late ? slot : slot + ring.length) - late;
+            if constexpr (kCopies > 1)
+                history.template mixRow<every>(newest, Turns());
+            WideVector sums[phases];
+            Row(newest, slot, ring.length, position, taps).sum(sums);
+            for (std::size_t phase = 0; phase < phases; ++phase)
+                hn::Store(hn::Mul(sums[phase], hn::Set(Wide(), scale)), Wide(), results[phase] + i);
+            if constexpr (kCopies > 1)
+                history.settleRow(newest, Turns());
+            newest -= Row::kSamples * kCopies;
+            slot = (slot >= Row::kSamples ? slot : slot + ring.length) - Row::kSamples;
+        }
+        // The last output may lack its last phases.
+        for (std::size_t phase = 0; phase < phases && done < wanted; ++phase, ++done)
+            give(results[phase], std::min(outputs, (wanted - done + phases - 1) / phases),
+                 out.samples + done * out.stride, phases * out.stride);
+        done += (outputs - 1) * phases;
+    }
 }
 
 HWY_INLINE float dotAt(const SRing& ring, const float* const banks[4])
@@ -207,30 +245,12 @@ HWY_INLINE void stepDown(SRing& ring)
     ring.index = ring.index == 0 ? static_cast<int>(ring.length) - 1 : ring.index - 1;
 }
 
-HWY_INLINE std::size_t filterRows(SRing& ring, const float* bank, SConstColumn in, SColumn out,
-                                  std::size_t frames, float scale)
-{
-    using View = CRingView<1>;
-    if (!View::canView(ring))
-        return 0;
-    View view(ring);
-    CTapTable<1> taps;
-    taps.fill(bank, ring.length);
-    for (std::size_t done = 0; done < frames; done += kRowOutputs)
-    {
-        const std::size_t count = std::min(frames - done, kRowOutputs);
-        const CTapTable<1>::CMeeting meeting(taps, static_cast<std::size_t>(ring.index));
-        view.take(ring, in.samples + done * in.stride, in.stride, count);
-        giveScaled(sumRow(view, meeting), count, scale, out.samples + done * out.stride, out.stride);
-        view.settle(ring, count);
-    }
-    return frames;
-}
-
 HWY_NOINLINE void ringFilter(SRing& ring, const float* const banks[4], SConstColumn in, SColumn out,
                              unsigned frames, float scale)
 {
-    for (std::size_t i = filterRows(ring, banks[0], in, out, frames, scale); i < frames; ++i)
+    if (CRow<1, 1>::fits(ring))
+        return sumRows<1, 1>(ring, {banks[0]}, 0, in, out, frames, scale);
+    for (std::size_t i = 0; i < frames; ++i)
     {
         write(ring, in.samples[i * in.stride]);
         out.samples[i * out.stride] = dotAt(ring, banks) * scale;
@@ -238,28 +258,15 @@ HWY_NOINLINE void ringFilter(SRing& ring, const float* const banks[4], SConstCol
     }
 }
 
-/// @return the frames that are done: all but those that make no output any more
-template<std::size_t every>
+/// @return the frames that are done, all that make an output, or none if the ring does not fit
+template<std::size_t ratio>
 HWY_INLINE std::size_t decimateRows(SRing& ring, const float* bank, SConstColumn in, SColumn out,
                                     std::size_t frames)
 {
-    using View = CRingView<every>;
-    if (!View::canView(ring))
+    if (!CRow<ratio, 1>::fits(ring))
         return 0;
-    View view(ring);
-    CTapTable<every> taps;
-    taps.fill(bank, ring.length);
-    std::size_t done = 0;
-    while (frames - done >= every)
-    {
-        const std::size_t outputs = std::min((frames - done) / every, kRowOutputs);
-        const typename CTapTable<every>::CMeeting meeting(taps, static_cast<std::size_t>(ring.index));
-        view.take(ring, in.samples + done * in.stride, in.stride, outputs * every);
-        giveScaled(sumRow(view, meeting), outputs, 1.0F, out.samples + done / every * out.stride, out.stride);
-        view.settle(ring, outputs * every);
-        done += outputs * every;
-    }
-    return done;
+    sumRows<ratio, 1>(ring, {bank + spacedTapsStart(ring.length)}, 0, in, out, frames, 1.0F);
+    return frames - frames % ratio;
 }
 
 HWY_NOINLINE void ringDecimate(SRing& ring, const float* const banks[4], unsigned ratio, SConstColumn in,
@@ -279,41 +286,14 @@ HWY_NOINLINE void ringDecimate(SRing& ring, const float* const banks[4], unsigne
     }
 }
 
-/// A row for each phase over the same samples.
-HWY_INLINE std::size_t interpolateRows(SRing& ring, const float* const* banks, unsigned ratio,
-                                       SConstColumn in, SColumn out, std::size_t frames, float scale)
-{
-    using View = CRingView<1>;
-    if (!View::canView(ring) || ratio > kMaxPhases)
-        return 0;
-    View view(ring);
-    CTapTable<1> taps[kMaxPhases];
-    for (unsigned phase = 0; phase < ratio; ++phase)
-        taps[phase].fill(banks[4 * phase], ring.length);
-    const std::size_t samples = (frames + ratio - 1) / ratio;
-    for (std::size_t done = 0; done < samples; done += kRowOutputs)
-    {
-        const std::size_t count = std::min(samples - done, kRowOutputs);
-        // The index has stepped down before the dot product is taken.
-        const auto index = static_cast<std::size_t>(ring.index);
-        const std::size_t position = (index == 0 ? ring.length : index) - 1;
-        view.take(ring, in.samples + done * in.stride, in.stride, count);
-        for (unsigned phase = 0; phase < ratio; ++phase)
-        {
-            const std::size_t from = done * ratio + phase;
-            const std::size_t wanted = from < frames ? (frames - from + ratio - 1) / ratio : 0;
-            giveScaled(sumRow(view, CTapTable<1>::CMeeting(taps[phase], position)), std::min(count, wanted),
-                       scale, out.samples + from * out.stride, std::size_t{ratio} * out.stride);
-        }
-        view.settle(ring, count);
-    }
-    return frames;
-}
-
 HWY_NOINLINE void ringInterpolate(SRing& ring, const float* const* banks, unsigned ratio, SConstColumn in,
                                   SColumn out, unsigned frames, float scale)
 {
-    for (std::size_t i = interpolateRows(ring, banks, ratio, in, out, frames, scale); i < frames; ++i)
+    if (ratio == 2 && CRow<1, 2>::fits(ring))
+        return sumRows<1, 2>(ring, {banks[0], banks[4]}, 1, in, out, frames, scale);
+    if (ratio == 4 && CRow<1, 4>::fits(ring))
+        return sumRows<1, 4>(ring, {banks[0], banks[4], banks[8], banks[12]}, 1, in, out, frames, scale);
+    for (std::size_t i = 0; i < frames; ++i)
     {
         const std::size_t phase = i % ratio;
         if (phase == 0)

@@ -7,6 +7,18 @@
 
 namespace korvodsp {
 
+void completeFirstBank(float* bank, std::size_t length, std::size_t ratio)
+{
+    if (length == 0)
+        return;
+    for (std::size_t i = 0; i < kRingRow; ++i)
+        bank[2 * length + i] = bank[i % length];
+    float* to = bank + spacedTapsStart(length);
+    for (std::size_t first = 0; first < ratio; ++first)
+        for (std::size_t i = 0; i < spacedTapsSize(length, ratio); ++i)
+            *to++ = bank[(i * ratio + first) % length];
+}
+
 float ringDot(const float* bank, const float* samples, unsigned length)
 {
     __m128 a[4] = {_mm_setzero_ps(), _mm_setzero_ps(), _mm_setzero_ps(), _mm_setzero_ps()};

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+#include <cstddef>
+
 /// Dot products over a ring of past samples, as the filters of the multi-rate stage need them.
 ///
 /// A ring of L samples (L a multiple of 4, 16-byte aligned) is written at falling positions, so that the
@@ -36,6 +38,32 @@ struct SConstColumn
     const float* samples;
     unsigned stride;
 };
+
+/// The passes below read the taps of 16 outputs at a time, at a step of one tap or of `ratio` taps. So behind
+/// its two periods, the first bank of each phase goes on with
+///
+///   the begin of a period once more, kRingRow floats;
+///   each ratio-th tap, two periods and kRingRow floats more, once for each tap to start from.
+constexpr std::size_t kRingRow = 16;
+
+constexpr std::size_t spacedTapsStart(std::size_t length)
+{
+    return 2 * length + kRingRow;
+}
+
+/// Of each of the `ratio` tables.
+constexpr std::size_t spacedTapsSize(std::size_t length, std::size_t ratio)
+{
+    return 2 * length / ratio + kRingRow;
+}
+
+constexpr std::size_t firstBankSize(std::size_t length, std::size_t ratio)
+{
+    return spacedTapsStart(length) + ratio * spacedTapsSize(length, ratio);
+}
+
+/// Fills a first bank, of firstBankSize() floats, behind its two periods.
+void completeFirstBank(float* bank, std::size_t length, std::size_t ratio);
 
 /// sum over m of bank[m] * samples[m], for a `bank` that is offset already. Both 16-byte aligned.
 float ringDot(const float* bank, const float* samples, unsigned length);

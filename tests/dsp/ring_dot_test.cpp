@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "dsp/ring_dot.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
 #include <random>
@@ -23,13 +24,14 @@ using namespace korvotest;
 class CRing
 {
 public:
-    CRing(const std::vector<std::vector<float>>& phases, unsigned length, int index)
+    CRing(const std::vector<std::vector<float>>& phases, unsigned length, unsigned ratio, int index)
         : m_samples(std::vector<float>(length)), m_view{m_samples.data(), length, index}
     {
         for (unsigned bank = 0; bank < 4 * phases.size(); ++bank)
         {
             // Ends where its memory ends, so that AddressSanitizer sees a tap that is read too far.
-            m_storage.emplace_back(static_cast<float*>(std::aligned_alloc(16, 2 * length * sizeof(float))),
+            const std::size_t size = bank % 4 == 0 ? firstBankSize(length, ratio) : 2 * length;
+            m_storage.emplace_back(static_cast<float*>(std::aligned_alloc(16, size * sizeof(float))),
                                    std::free);
             m_banks.push_back(m_storage.back().get());
             const std::vector<float>& phase = phases[bank / 4];
@@ -38,6 +40,8 @@ public:
                 const unsigned tap = (i + length - bank % 4) % length;
                 m_storage.back().get()[i] = tap < phase.size() ? phase[tap] : 0.0F;
             }
+            if (bank % 4 == 0)
+                completeFirstBank(m_storage.back().get(), length, ratio);
         }
     }
 
@@ -114,11 +118,11 @@ void expectPlainBits(const SKernelVariant& variant, const SPass& pass, unsigned 
     for (std::vector<float>& phase : phases)
         phase = makeNoise(random, length - random() % 4);
     const int start = static_cast<int>(random() % length);
-    CRing plain(phases, length, start);
-    CRing subject(phases, length, start);
+    CRing plain(phases, length, std::max(pass.up, pass.down), start);
+    CRing subject(phases, length, std::max(pass.up, pass.down), start);
     for (unsigned block = 0; block < 12; ++block)
     {
-        const unsigned frames = static_cast<unsigned>(random()) % 300;
+        const unsigned frames = static_cast<unsigned>(random()) % 700;
         const unsigned inStride = static_cast<unsigned>(random()) % 3 + 1;
         const unsigned outStride = static_cast<unsigned>(random()) % 3 + 1;
         const bool inPlace = pass.isFilter() && inStride == outStride;
