@@ -126,6 +126,8 @@ HWY_INLINE void beginBank(SSectionBank& bank, SSectionRun& sections)
 /// Adds what the bank gives, when it is through.
 HWY_INLINE void endBank(SSectionBank& bank, SSectionRun& sections, bool isFirst)
 {
+    if (bank.silent && bank.tiny.all && isFirst && addTinyOutputs(bank, sections.lanes, sections.frames))
+        return giveTinyBack(bank);
     if (bank.silent)
         endSilence(bank, sections.frames);
     addOutputs(bank, isFirst, sections.lanes, sections.frames);

@@ -88,7 +88,10 @@ HWY_INLINE void storeBank(const SSectionBank& bank, float* cooked)
 }
 
 /// Adds the outputs of the groups, one after the other, to the lanes of a run, or to zero for the first bank.
-HWY_INLINE void addOutputs(const SSectionBank& bank, bool isFirst, float* lanes, std::size_t frames)
+/// @param load  takes a vector of them from their place
+template<class Load>
+HWY_INLINE void addOutputs(const SSectionBank& bank, bool isFirst, float* lanes, std::size_t frames,
+                           const Load& load)
 {
     for (std::size_t i = 0; i < lanesFor(frames); i += 4 * kWideLanes)
     {
@@ -97,10 +100,16 @@ HWY_INLINE void addOutputs(const SSectionBank& bank, bool isFirst, float* lanes,
             sums[v] = isFirst ? hn::Zero(Wide()) : hn::Load(Wide(), lanes + i + v * kWideLanes);
         for (std::size_t g = 0; g < bank.groups; ++g)
             for (std::size_t v = 0; v < 4; ++v)
-                sums[v] = hn::Add(sums[v], hn::Load(Wide(), bank.outputs[g] + i + v * kWideLanes));
+                sums[v] = hn::Add(sums[v], load(bank.outputs[g] + i + v * kWideLanes));
         for (std::size_t v = 0; v < 4; ++v)
             hn::Store(sums[v], Wide(), lanes + i + v * kWideLanes);
     }
+}
+
+HWY_INLINE void addOutputs(const SSectionBank& bank, bool isFirst, float* lanes, std::size_t frames)
+{
+    addOutputs(bank, isFirst, lanes, frames,
+               [](const float* place) HWY_ATTR { return hn::Load(Wide(), place); });
 }
 
 enum class EOutputs

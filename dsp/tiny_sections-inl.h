@@ -303,6 +303,18 @@ HWY_INLINE bool finishTinyOutputs(SSectionBank& bank)
     return !any(seen & kExponent);
 }
 
+/// The same and addOutputs() in one, for the first bank; the outputs stay as they are.
+HWY_INLINE bool addTinyOutputs(const SSectionBank& bank, float* lanes, std::size_t frames)
+{
+    WideBits seen{};
+    addOutputs(bank, true, lanes, frames, [&seen](const float* place) HWY_ATTR {
+        const WideBits bits = bitsOf(loadAs<WideBits>(place));
+        seen |= bits;
+        return loadAs<WideVector>(&bits);
+    });
+    return !any(seen & kExponent);
+}
+
 } // namespace HWY_NAMESPACE
 } // namespace korvodsp
 HWY_AFTER_NAMESPACE();
