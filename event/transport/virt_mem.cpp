@@ -20,18 +20,15 @@ constexpr int kMapProtection[] = {PROT_NONE, PROT_READ, PROT_READ | PROT_WRITE};
 /// Sizes a new object. A name that is left from a larger ring shrinks, one from a smaller ring grows.
 bool reserve(int descriptor, unsigned int size)
 {
-    struct stat before = {};
-    [[maybe_unused]] int ignored = ::fstat(descriptor, &before);
-    ignored = ::ftruncate(descriptor, size);
-    // Without this a full file system shows only later, as a signal at the first write.
+    // Memory first: an object has its size when it has the pages, and neither where they are not to be had.
+    // Else a full file system shows as a signal at the first write, to a client that attaches as well.
     int error = EINTR;
     while (error == EINTR)
         error = ::posix_fallocate(descriptor, 0, size);
-    if (error != ENOSPC)
-        return true;
-    // Or a client could attach to what looks like a ring and meet that signal itself.
-    ignored = ::ftruncate(descriptor, before.st_size);
-    return false;
+    if (error == ENOSPC)
+        return false;
+    [[maybe_unused]] const int ignored = ::ftruncate(descriptor, size);
+    return true;
 }
 
 /// False also between the creation of an object and its sizing, when touching it would end the process.
