@@ -71,7 +71,8 @@ HWY_INLINE std::size_t lanesFor(std::size_t outputs)
     return (outputs + kWideLanes - 1) / kWideLanes * kWideLanes * 4;
 }
 
-/// Puts zeros where the last of those vectors lie, some of which may belong to no output.
+/// Puts zeros where the last of those vectors lie, some of which may belong to no output. What was left there
+/// would do no harm to results, but as a denormal cost time, and pass for a tiny section that has grown.
 HWY_INLINE void clearLastLanes(float* lanes, std::size_t outputs)
 {
     if (outputs % kWideLanes != 0)
@@ -469,7 +470,7 @@ HWY_INLINE void takeSamples(SRun& run, const float* samples, std::size_t stride)
         image[run.frames - 1 - i] = samples[i * stride];
 }
 
-/// Spaced groups get smaller as runs get shorter; measured, neighbours are faster below four to a group.
+/// Spaced groups get smaller as runs get shorter; measured, neighbours are faster below three to a group.
 constexpr std::size_t kMinSpaced = 3;
 
 template<class Companion, std::size_t... k>

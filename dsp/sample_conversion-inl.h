@@ -12,8 +12,9 @@
 //   loadInt16(p)          kLanes samples to the tops of the lanes, the rest 0
 //   loadInt24(p)          kLanes samples to the tops of the lanes, the low byte anything
 //   toFloat(v)            of integers
-//   scaled(x, scale)      x * scale + 0.5, where a fused operation serves as well: scaling by a power of two
-//                         is exact, but for what the half makes no difference to
+//   scaled(x, scale)      x * scale + 0.5; fused or not makes no difference, since scaling up by a power of
+//                         two is exact but where it overflows or takes a denormal for zero, and there the
+//                         half does not count
 //   clamp(v, low, high)   NaN arrives unchanged
 //   orChanged(a, v, w)    a | (v ^ w)
 //   toInt(v)              in the rounding mode in force; NaN gives the most negative integer

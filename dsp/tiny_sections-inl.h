@@ -12,7 +12,8 @@
 // - Products of 24 by 23 bits are exact in double precision. Adding kToInteger rounds them to units, ties to
 //   even, as single precision does. Sums of integers are exact in both.
 // - A zero among the outputs is +0 here, where it can be -0 in single precision. That shows nowhere: all that
-//   depends on the sign of a zero is the sign of another one, and the sum over the sections starts at +0.
+//   depends on the sign of a zero is the sign of another one, and the sum over the sections starts at +0,
+//   which stays +0 when -0 is added, rounded to nearest.
 //
 // States are taken from single precision and given back by their bits, which are the integers: conversions of
 // denormals may cost as much as the multiplications. GCC's vectors serve all targets with one source.
@@ -132,7 +133,8 @@ HWY_INLINE Vector bitsOf(Vector integers)
 }
 
 /// Chooses the tiny ones among a bank's sections, and takes their state. No section with infinite b0 or b1 is
-/// among them: its very first output was NaN, and before that all are at rest.
+/// among them: its first output after a reset is NaN, infinity times the ring's zeros, and until then all are
+/// at rest.
 /// @return whether one of those is not at rest
 HWY_INLINE bool chooseTiny(const SSectionBank& bank, STinySections& tiny)
 {

@@ -100,7 +100,7 @@ std::vector<float> makeDecays(std::mt19937& random, unsigned count)
     return coefs;
 }
 
-/// The signs of zeros inside of a filter reach its output never.
+/// The signs of zeros inside a filter never reach its output.
 std::vector<float> withoutZeroSigns(std::vector<float> state)
 {
     std::replace(state.begin(), state.end(), -0.0F, 0.0F);
