@@ -23,8 +23,8 @@
 #include <utility>
 
 #include "dsp/ring_dot.h"
-#include "dsp/ring_fir-inl.h"
 #include "dsp/ring_history-inl.h"
+#include "dsp/wide_vectors-inl.h"
 
 HWY_BEFORE_NAMESPACE();
 namespace korvodsp {

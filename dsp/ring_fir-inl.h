@@ -10,9 +10,8 @@
 // the taps that meet block b of the ring in one output meet block b + 1 in the output 16 samples older. Next
 // to each other, they share the ring only; that serves runs that are too short for the other way.
 //
-// While older outputs of a run are summed up, the slots of the younger ones must still hold what was there
-// before. So the ring stays as it was, and the new samples wait beside it in an image of the blocks of the
-// ring that they go to. For each output exactly one block is part new and part old.
+// The samples of the run wait beside the ring meanwhile; for each output exactly one block is part new and
+// part old.
 
 #if defined(KORVO_DSP_RING_FIR_INL_H_) == defined(HWY_TARGET_TOGGLE)
 #ifdef KORVO_DSP_RING_FIR_INL_H_
@@ -21,121 +20,15 @@
 #define KORVO_DSP_RING_FIR_INL_H_
 #endif
 
-#include <hwy/highway.h>
-
 #include <algorithm>
 #include <cstddef>
-#include <cstring>
 #include <utility>
 
-#include "dsp/sse2_lanes.h"
+#include "dsp/ring_run-inl.h"
 
 HWY_BEFORE_NAMESPACE();
 namespace korvodsp {
 namespace HWY_NAMESPACE {
-
-/// Floats of a row of running sums, and slots of a block of the ring.
-constexpr std::size_t kRow = 16;
-
-#if HWY_TARGET == HWY_SCALAR
-namespace hn = sse2lanes;
-constexpr std::size_t kWideLanes = 4;
-#else
-namespace hn = hwy::HWY_NAMESPACE;
-constexpr std::size_t kWideLanes = HWY_MAX_BYTES / sizeof(float);
-#endif
-
-using Wide = hn::CappedTag<float, kRow>;
-using WideVector = hn::Vec<Wide>;
-using Four = hn::FixedTag<float, 4>;
-using FourVector = hn::Vec<Four>;
-
-/// Outputs summed up at a time: as many as leave a register for each running sum, each vector of taps and
-/// three more.
-constexpr std::size_t kGroup = HWY_TARGET == HWY_AVX3 ? 8 : 6;
-constexpr std::size_t kMaxRun = kRow * kGroup;
-static_assert(kMaxRun % kWideLanes == 0);
-
-/// Where the four lanes that an output's sum ends in lie among those of a run. Four outputs that follow each
-/// other lie kWideLanes apart, so that sumLanes() needs a few operations on wide vectors only; outputs kRow
-/// apart lie four times as far apart.
-HWY_INLINE std::size_t lanesOf(std::size_t output)
-{
-    return (output & ~(kWideLanes - 1)) * 4 + output % 4 * kWideLanes + output % kWideLanes / 4 * 4;
-}
-constexpr std::size_t kLanesOfRun = 4 * kMaxRun;
-
-/// What wide vectors have to go through for that many outputs.
-HWY_INLINE std::size_t lanesFor(std::size_t outputs)
-{
-    return (outputs + kWideLanes - 1) / kWideLanes * kWideLanes * 4;
-}
-
-/// Puts zeros where the last of those vectors lie, some of which may belong to no output. What was left there
-/// would do no harm to results, but as a denormal cost time, and pass for a tiny section that has grown.
-HWY_INLINE void clearLastLanes(float* lanes, std::size_t outputs)
-{
-    if (outputs % kWideLanes != 0)
-        std::fill_n(lanes + lanesFor(outputs) - 4 * kWideLanes, 4 * kWideLanes, 0.0F);
-}
-
-/// Four lanes of a vector. Taken straight to memory they cost a store and no more, which Highway's halves do
-/// not.
-template<std::size_t four>
-HWY_INLINE __m128 fourOf(WideVector v)
-{
-#if HWY_TARGET == HWY_AVX3
-    return _mm512_extractf32x4_ps(v.raw, four);
-#elif HWY_TARGET == HWY_AVX2
-    return _mm256_extractf128_ps(v.raw, four);
-#else
-    return v.v;
-#endif
-}
-
-template<std::size_t... four>
-HWY_INLINE void storeFours(WideVector v, float* places, std::size_t step, std::index_sequence<four...>)
-{
-    (_mm_store_ps(places + four * step, fourOf<four>(v)), ...);
-}
-
-/// Puts each four lanes of a vector `step` floats apart.
-HWY_INLINE void storeFours(WideVector v, float* places, std::size_t step)
-{
-    storeFours(v, places, step, std::make_index_sequence<kWideLanes / 4>());
-}
-
-/// The other way round.
-HWY_INLINE WideVector loadFours(const float* places, std::size_t step)
-{
-    HWY_ALIGN_MAX float lanes[kWideLanes];
-    for (std::size_t i = 0; i < kWideLanes; i += 4)
-        hn::Store(hn::Load(Four(), places + i / 4 * step), Four(), lanes + i);
-    return hn::Load(Wide(), lanes);
-}
-
-/// One run of samples, which goes to the slots newest, newest - 1, ... of a ring, and its sums.
-struct SRun
-{
-    const float* const* banks;  ///< the taps: 4 rotations, each twice in a row, 16-byte aligned
-    float* ring;                ///< 16-byte aligned
-    std::size_t length;         ///< of the ring; a multiple of 4
-    std::size_t newest = 0;     ///< slot of the first sample of the run
-    std::size_t frames = 0;     ///< samples in the run
-    std::size_t imageStart = 0; ///< first slot of the image, a multiple of kRow
-    HWY_ALIGN_MAX float image[kMaxRun + 2 * kRow];
-    HWY_ALIGN_MAX float sums[kRow / 4][kLanesOfRun]; ///< a0 to a3 of each sample, placed by lanesOf()
-
-    const float* fresh(std::size_t slot) const { return image + (slot - imageStart); }
-    /// Taps as they meet slot 0 of the ring, for the output of the sample at `slot`. The ones for the samples
-    /// after it follow, a step up for every slot down.
-    const float* tapsFor(std::size_t slot) const { return banks[0] + length - slot; }
-    /// The same for that sample alone and those a multiple of four slots down, 16-byte aligned.
-    const float* alignedTapsFor(std::size_t slot) const
-    {
-        return banks[slot & 3] + length - (slot & ~std::size_t{3});
-    }
-};
 
 template<std::size_t... k>
 HWY_INLINE void multiplyAdd(WideVector (&sums)[sizeof...(k)], const WideVector (&taps)[sizeof...(k)],
@@ -148,13 +41,6 @@ template<std::size_t... k>
 HWY_INLINE void shiftTaps(WideVector (&taps)[sizeof...(k)], std::index_sequence<k...>)
 {
     ((k > 0 ? void(taps[k - (k > 0)] = taps[k]) : void()), ...);
-}
-
-/// Puts what belongs to an output, from sum `part` on, in its place.
-/// @param lanes  the output's lanesOf()
-HWY_INLINE void storeSums(SRun& run, std::size_t lanes, std::size_t part, WideVector sums)
-{
-    storeFours(sums, run.sums[part / 4] + lanes, kLanesOfRun);
 }
 
 /// Goes along with sums where there is nothing else to do. A companion is made for some work, takes a step
@@ -430,46 +316,6 @@ HWY_NOINLINE void addShortGroup(SRun& run, std::size_t first)
     addAdjacentGroup<K>(run, first, none);
 }
 
-/// Makes the next run out of `left` samples, the first of which goes to `newest`. It ends where the
-/// slots wrap. All runs up to there get about the same length, since a short one works in
-/// smaller groups.
-HWY_INLINE void beginRun(SRun& run, std::size_t newest, std::size_t left)
-{
-    const std::size_t untilWrap = std::min(left, newest + 1);
-    const std::size_t runs = (untilWrap + kMaxRun - 1) / kMaxRun;
-    run.newest = newest;
-    run.frames = (untilWrap + runs - 1) / runs;
-}
-
-HWY_INLINE std::size_t slotAfter(const SRun& run)
-{
-    return (run.newest >= run.frames ? run.newest : run.newest + run.length) - run.frames;
-}
-
-/// to[count - 1 - i] = from[i]. The ring runs against time, all else with it.
-HWY_INLINE void copyReversed(const float* from, std::size_t count, float* to)
-{
-    std::size_t i = 0;
-    for (; i + kWideLanes <= count; i += kWideLanes)
-        hn::StoreU(hn::Reverse(Wide(), hn::LoadU(Wide(), from + i)), Wide(), to + (count - kWideLanes - i));
-    for (; i < count; ++i)
-        to[count - 1 - i] = from[i];
-}
-
-/// Puts the run's samples beside the ring. `samples` may be the run's output.
-HWY_INLINE void takeSamples(SRun& run, const float* samples, std::size_t stride)
-{
-    const std::size_t oldest = run.newest + 1 - run.frames;
-    run.imageStart = oldest & ~(kRow - 1);
-    const std::size_t end = std::min((run.newest | (kRow - 1)) + 1, run.length);
-    std::copy(run.ring + run.newest + 1, run.ring + end, run.image + (run.newest + 1 - run.imageStart));
-    float* image = run.image + (oldest - run.imageStart);
-    if (stride == 1)
-        return copyReversed(samples, run.frames, image);
-    for (std::size_t i = 0; i < run.frames; ++i)
-        image[run.frames - 1 - i] = samples[i * stride];
-}
-
 /// Spaced groups get smaller as runs get shorter; measured, neighbours are faster below three to a group.
 constexpr std::size_t kMinSpaced = 3;
 
@@ -514,42 +360,6 @@ HWY_NOINLINE void sumAdjacent(SRun& run, typename Companion::Work& work)
     for (; i < run.frames; ++i)
         companion.step();
     companion.finish();
-}
-
-/// Moves the run's samples into the ring, when all sums are done.
-HWY_INLINE void writeSamples(const SRun& run)
-{
-    const std::size_t oldest = run.newest + 1 - run.frames;
-    std::copy_n(run.fresh(oldest), run.frames, run.ring + oldest);
-}
-
-/// ((l0 + l1) + l2) + l3 of the lanes of kWideLanes outputs.
-HWY_INLINE WideVector sumLanes(const WideVector (&lanes)[4])
-{
-    const Wide wide;
-    const WideVector low02 = hn::InterleaveLower(wide, lanes[0], lanes[2]);
-    const WideVector low13 = hn::InterleaveLower(wide, lanes[1], lanes[3]);
-    const WideVector high02 = hn::InterleaveUpper(wide, lanes[0], lanes[2]);
-    const WideVector high13 = hn::InterleaveUpper(wide, lanes[1], lanes[3]);
-    const WideVector lane0 = hn::InterleaveLower(wide, low02, low13);
-    const WideVector lane1 = hn::InterleaveUpper(wide, low02, low13);
-    const WideVector lane2 = hn::InterleaveLower(wide, high02, high13);
-    const WideVector lane3 = hn::InterleaveUpper(wide, high02, high13);
-    return hn::Add(hn::Add(hn::Add(lane0, lane1), lane2), lane3);
-}
-
-/// The sums of kWideLanes outputs of a run, all of (a0 + a1) + (a2 + a3).
-HWY_INLINE WideVector finishSums(const SRun& run, std::size_t first)
-{
-    const Wide wide;
-    WideVector lanes[4];
-    for (std::size_t v = 0; v < 4; ++v)
-    {
-        const std::size_t at = 4 * first + v * kWideLanes;
-        lanes[v] = hn::Add(hn::Add(hn::Load(wide, run.sums[0] + at), hn::Load(wide, run.sums[1] + at)),
-                           hn::Add(hn::Load(wide, run.sums[2] + at), hn::Load(wide, run.sums[3] + at)));
-    }
-    return sumLanes(lanes);
 }
 
 } // namespace HWY_NAMESPACE

@@ -18,7 +18,7 @@
 #include <utility>
 
 #include "dsp/ring_dot.h"
-#include "dsp/ring_fir-inl.h"
+#include "dsp/wide_vectors-inl.h"
 
 HWY_BEFORE_NAMESPACE();
 namespace korvodsp {

@@ -14,7 +14,7 @@
 #include <utility>
 
 #include "dsp/fiir_filter.h"
-#include "dsp/ring_fir-inl.h"
+#include "dsp/wide_vectors-inl.h"
 
 HWY_BEFORE_NAMESPACE();
 namespace korvodsp {
