@@ -98,7 +98,7 @@ KORVO_EXPORT int krv_destroy(krv_handle handle) KRV_NOEXCEPT;
  *  @return KRV_STATUS_OK, KRV_STATUS_CLIPPED (block complete), KRV_STATUS_BAD_HANDLE,
  *          KRV_STATUS_BAD_ARGUMENT (output untouched)
  *  Threads: the audio thread, one call at a time per instance; not beside krv_setSamplerate() or krv_destroy().
- *  Real time: yes. No allocation, no lock, no system call. */
+ *  Real time: yes. No allocation, no lock, no system call; up to 50 KB of stack. */
 KORVO_EXPORT int krv_process(krv_handle handle, const void* input, void* output, uint32_t frames,
                              uint32_t channels) KRV_NOEXCEPT;
 
